@@ -1,0 +1,117 @@
+// Small verbs over the C API, for code that reads like the Python statements it carries out.
+//
+// Every one of them may run foreign code (`__getattr__`, `__hash__`, a patched function): hold strong references to
+// whatever is used afterwards.
+#pragma once
+
+#include "ref.hpp"
+
+#include <array>
+#include <cstddef>
+
+namespace cpython {
+
+/// A yes-or-no question put to Python code, which may also fail (with the exception set).
+enum class Answer { no, yes, failed };
+
+inline Answer answer(int status)
+{
+    if (status < 0) {
+        return Answer::failed;
+    }
+    return status == 0 ? Answer::no : Answer::yes;
+}
+
+/// `bool(object)`
+inline Answer truth(PyObject* object) { return answer(PyObject_IsTrue(object)); }
+
+/// `left <operation> right` as a condition; `operation` is Py_EQ, Py_GT, ...
+inline Answer compare(PyObject* left, PyObject* right, int operation)
+{
+    const Ref result = Ref::steal(PyObject_RichCompare(left, right, operation));
+    return result ? truth(result.get()) : Answer::failed;
+}
+
+/// `object.name`
+inline Ref attr(PyObject* object, PyObject* name) { return Ref::steal(PyObject_GetAttr(object, name)); }
+
+/// `object.name = value`
+[[nodiscard]] inline bool set_attr(PyObject* object, PyObject* name, PyObject* value)
+{
+    return PyObject_SetAttr(object, name, value) == 0;
+}
+
+/// `object[key]`
+inline Ref item(PyObject* object, PyObject* key) { return Ref::steal(PyObject_GetItem(object, key)); }
+
+/// `callable(*arguments)`
+template <class... Arguments>
+Ref call(PyObject* callable, Arguments... arguments)
+{
+    // The slot before the first argument is lent to the callee, which spares a bound method a copy of the array.
+    std::array<PyObject*, sizeof...(Arguments) + 1> stack{nullptr, arguments...};
+    return Ref::steal(PyObject_Vectorcall(callable, stack.data() + 1,
+                                          sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+/// `object.name(*arguments)`
+template <class... Arguments>
+Ref call_method(PyObject* object, PyObject* name, Arguments... arguments)
+{
+    std::array<PyObject*, sizeof...(Arguments) + 1> stack{object, arguments...};
+    return Ref::steal(PyObject_VectorcallMethod(name, stack.data(),
+                                                stack.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+/// `map.get(key)`: yes with the value in `value`, no when that gives None.
+inline Answer get_from(PyObject* map, PyObject* key, PyObject* get, Ref& value)
+{
+    if (PyDict_CheckExact(map)) {
+        if (PyDict_GetItemRef(map, key, value.out()) < 0) {
+            return Answer::failed;
+        }
+    } else {
+        value = call_method(map, get, key);
+        if (!value) {
+            return Answer::failed;
+        }
+    }
+    return value && value.get() != Py_None ? Answer::yes : Answer::no;
+}
+
+/// Appends to a list that nobody else can see.
+[[nodiscard]] inline bool append(const Ref& list, const Ref& value)
+{
+    return value && PyList_Append(list.get(), value.get()) == 0;
+}
+
+/// Whether the exception that is set belongs to the `Exception` family, which `except Exception` catches.
+inline bool is_caught() { return PyErr_ExceptionMatches(PyExc_Exception) != 0; }
+
+/// The body of an `except` clause: for as long as this lives, the caught error is what `sys.exc_info()` shows and
+/// what a new error gets as its `__context__`.
+class Handling {
+public:
+    /// Takes the exception that is set; afterwards none is.
+    Handling()
+        : error_{Ref::steal(PyErr_GetRaisedException())}, outer_{Ref::steal(PyErr_GetHandledException())}
+    {
+        PyErr_SetHandledException(error_.get());
+    }
+    ~Handling() { PyErr_SetHandledException(outer_ ? outer_.get() : Py_None); }
+    Handling(const Handling&) = delete;
+    Handling& operator=(const Handling&) = delete;
+    Handling(Handling&&) = delete;
+    Handling& operator=(Handling&&) = delete;
+
+    [[nodiscard]] PyObject* error() const { return error_.get(); }
+
+    /// A bare `raise`: the same error object again, with nothing added to it.
+    void raise_again() const { PyErr_SetRaisedException(error_.copy().release()); }
+
+private:
+    Ref error_;
+    Ref outer_;
+};
+
+}  // namespace cpython

@@ -1,0 +1,135 @@
+// Dictionaries made from known keys, unpacking, and scratch arrays.
+#pragma once
+
+#include "call.hpp"
+
+#include <array>
+#include <new>
+#include <span>
+
+namespace cpython {
+
+/// Dictionaries with the same keys in the same order, made by copying one that has them all: a copy is as large as it
+/// has to be from the start. The keys are exact strings, so that no foreign code runs.
+template <std::size_t Count>
+class DictShape {
+public:
+    [[nodiscard]] bool set_keys(const std::array<PyObject*, Count>& keys)
+    {
+        keys_ = keys;
+        pattern_ = Ref::steal(PyDict_New());
+        for (PyObject* key : keys) {
+            if (!pattern_ || PyDict_SetItem(pattern_.get(), key, Py_None) != 0) {
+                return false;
+            }
+        }
+        return static_cast<bool>(pattern_);
+    }
+
+    /// A new dictionary with these values, borrowed.
+    [[nodiscard]] Ref make(const std::array<PyObject*, Count>& values) const
+    {
+        Ref dict = Ref::steal(PyDict_Copy(pattern_.get()));
+        for (std::size_t i = 0; dict && i < Count; ++i) {
+            if (PyDict_SetItem(dict.get(), keys_[i], values[i]) != 0) {
+                return {};
+            }
+        }
+        return dict;
+    }
+
+    [[nodiscard]] const std::array<PyObject*, Count>& keys() const { return keys_; }
+
+private:
+    std::array<PyObject*, Count> keys_{};  // interned for the life of the process
+    Ref pattern_;                          // every key with None
+};
+
+/// The exception of an assignment to `expected` targets whose right side gave out after `got` values.
+inline void raise_too_few(std::size_t expected, std::size_t got)
+{
+    if (PyErr_Occurred() == nullptr) {
+        PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected %zu, got %zu)", expected, got);
+    }
+}
+
+/// `a, b, ... = object`
+template <std::size_t Count>
+[[nodiscard]] bool unpack(PyObject* object, std::array<Ref, Count>& targets)
+{
+    if (PyTuple_CheckExact(object) && PyTuple_GET_SIZE(object) == static_cast<Py_ssize_t>(Count)) {
+        for (std::size_t i = 0; i < Count; ++i) {
+            targets[i] = Ref::borrow(PyTuple_GET_ITEM(object, static_cast<Py_ssize_t>(i)));
+        }
+        return true;
+    }
+    const Ref iterator = Ref::steal(PyObject_GetIter(object));
+    if (!iterator) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) != 0 && Py_TYPE(object)->tp_iter == nullptr &&
+            PySequence_Check(object) == 0) {
+            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object",
+                         Py_TYPE(object)->tp_name);
+        }
+        return false;
+    }
+    for (std::size_t i = 0; i < Count; ++i) {
+        targets[i] = Ref::steal(PyIter_Next(iterator.get()));
+        if (!targets[i]) {
+            raise_too_few(Count, i);
+            return false;
+        }
+    }
+    if (const Ref extra = Ref::steal(PyIter_Next(iterator.get())); extra) {
+        PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zu)", Count);
+    }
+    return PyErr_Occurred() == nullptr;
+}
+
+/// `list.sort(key=function)`, the function given as a C definition with static lifetime.
+[[nodiscard]] inline bool sort_by(PyObject* list, PyObject* sort, PyObject* key, PyMethodDef& function)
+{
+    const Ref rank = Ref::steal(PyCFunction_New(&function, nullptr));
+    const Ref keywords = rank ? Ref::steal(PyTuple_Pack(1, key)) : Ref{};
+    const std::array<PyObject*, 2> arguments{list, rank.get()};
+    return keywords && Ref::steal(PyObject_VectorcallMethod(sort, arguments.data(), 1, keywords.get()));
+}
+
+/// Scratch memory for the time of a call: so many default-made elements, or none and a MemoryError.
+template <class Element>
+class Scratch {
+public:
+    explicit Scratch(std::size_t size)
+        : elements_{static_cast<Element*>(PyMem_Calloc(size == 0 ? 1 : size, sizeof(Element)))},
+          size_{elements_ == nullptr ? 0 : size}
+    {
+        if (elements_ == nullptr) {
+            PyErr_NoMemory();
+        }
+        for (std::size_t i = 0; i < size_; ++i) {
+            new (&elements_[i]) Element{};
+        }
+    }
+    ~Scratch()
+    {
+        for (std::size_t i = 0; i < size_; ++i) {
+            elements_[i].~Element();
+        }
+        PyMem_Free(elements_);
+    }
+    Scratch(const Scratch&) = delete;
+    Scratch& operator=(const Scratch&) = delete;
+    Scratch(Scratch&&) = delete;
+    Scratch& operator=(Scratch&&) = delete;
+
+    explicit operator bool() const { return elements_ != nullptr; }
+    Element& operator[](std::size_t index) { return elements_[index]; }
+    Element* begin() { return elements_; }
+    Element* end() { return elements_ + size_; }
+    [[nodiscard]] std::span<Element> first(std::size_t count) { return {elements_, count}; }
+
+private:
+    Element* elements_;
+    std::size_t size_;
+};
+
+}  // namespace cpython

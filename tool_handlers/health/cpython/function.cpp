@@ -1,0 +1,322 @@
+#include "function.hpp"
+
+#include "names.hpp"
+
+namespace cpython {
+
+namespace {
+
+// What a call of any function runs before we redirect it: the interpreter's binder and its bytecode.
+vectorcallfunc interpreted = nullptr;
+
+namespace names {
+Name replace{"replace"};
+Name co_argcount{"co_argcount"};
+Name co_kwonlyargcount{"co_kwonlyargcount"};
+Name co_nlocals{"co_nlocals"};
+Name co_varnames{"co_varnames"};
+Name co_consts{"co_consts"};
+Name co_flags{"co_flags"};
+Name co_qualname{"co_qualname"};
+Name file{"__file__"};
+Name doc{"__doc__"};
+Name name{"name"};
+Name result{"return"};
+}  // namespace names
+
+struct Keepsake {
+    PyObject_HEAD void* kept;
+    void (*destroy)(void*);
+};
+
+void dealloc_keepsake(PyObject* self)
+{
+    const Ref type = Ref::steal(reinterpret_cast<PyObject*>(Py_TYPE(self)));
+    const auto* const keepsake = reinterpret_cast<Keepsake*>(self);
+    keepsake->destroy(keepsake->kept);
+    reinterpret_cast<PyTypeObject*>(type.get())->tp_free(self);
+}
+
+/// The keepsake among the constants of a function's code; null in code that is not ours. No other class deallocates
+/// with our function.
+PyObject* keepsake_of(const PyFunctionObject* function)
+{
+    PyObject* const constants = reinterpret_cast<PyCodeObject*>(function->func_code)->co_consts;
+    if (PyTuple_GET_SIZE(constants) != 1) {
+        return nullptr;
+    }
+    PyObject* const constant = PyTuple_GET_ITEM(constants, 0);
+    return Py_TYPE(constant)->tp_dealloc == dealloc_keepsake ? constant : nullptr;
+}
+
+void raise_name_error(PyObject* name)
+{
+    const Ref text = Ref::steal(PyUnicode_FromFormat("name '%.200U' is not defined", name));
+    if (!text) {
+        return;
+    }
+    const Ref keywords = Ref::steal(PyTuple_Pack(1, static_cast<PyObject*>(names::name)));
+    if (!keywords) {
+        return;
+    }
+    const std::array<PyObject*, 2> arguments{text.get(), name};
+    const Ref error = Ref::steal(PyObject_Vectorcall(PyExc_NameError, arguments.data(), 1, keywords.get()));
+    if (error) {
+        PyErr_SetObject(PyExc_NameError, error.get());
+    }
+}
+
+/// The code object: parameters and keepsake, and no instruction of ours.
+Ref make_code(const Operation& operation, PyObject* qualified_name, PyObject* globals, PyObject* keepsake)
+{
+    const std::size_t count = operation.parameters.size();
+    const Ref variables = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(count)));
+    if (!variables) {
+        return {};
+    }
+    long keyword_only = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        PyObject* name = PyUnicode_InternFromString(operation.parameters[i].name);
+        if (name == nullptr) {
+            return {};
+        }
+        PyTuple_SET_ITEM(variables.get(), static_cast<Py_ssize_t>(i), name);
+        keyword_only += operation.parameters[i].keyword_only ? 1 : 0;
+    }
+    Ref file;
+    if (PyDict_GetItemRef(globals, names::file, file.out()) < 0) {
+        return {};
+    }
+    const char* path = file && PyUnicode_Check(file.get()) ? PyUnicode_AsUTF8(file.get()) : nullptr;
+    if (path == nullptr) {
+        PyErr_Clear();
+        path = "<extension module>";
+    }
+    const Ref empty = Ref::steal(reinterpret_cast<PyObject*>(PyCode_NewEmpty(path, operation.name, 1)));
+    const Ref replace = empty ? attr(empty.get(), names::replace) : Ref{};
+    const Ref constants = Ref::steal(PyTuple_Pack(1, keepsake));
+    const Ref changes = Ref::steal(PyDict_New());
+    if (!replace || !constants || !changes) {
+        return {};
+    }
+    const auto change = [&](PyObject* name, Ref value) {
+        return value && PyDict_SetItem(changes.get(), name, value.get()) == 0;
+    };
+    const auto total = static_cast<long>(count);
+    if (!change(names::co_argcount, Ref::steal(PyLong_FromLong(total - keyword_only))) ||
+        !change(names::co_kwonlyargcount, Ref::steal(PyLong_FromLong(keyword_only))) ||
+        !change(names::co_nlocals, Ref::steal(PyLong_FromLong(total))) ||
+        !change(names::co_varnames, variables.copy()) || !change(names::co_consts, constants.copy()) ||
+        !change(names::co_flags, Ref::steal(PyLong_FromLong(CO_NEWLOCALS | CO_FUTURE_ANNOTATIONS))) ||
+        !change(names::co_qualname, Ref::borrow(qualified_name))) {
+        return {};
+    }
+    return Ref::steal(PyObject_VectorcallDict(replace.get(), nullptr, 0, changes.get()));
+}
+
+Ref make_annotations(const Operation& operation)
+{
+    Ref annotations = Ref::steal(PyDict_New());
+    if (!annotations) {
+        return {};
+    }
+    const auto annotate = [&](const char* name, const char* text) {
+        const Ref value = Ref::steal(PyUnicode_FromString(text));
+        return value && PyDict_SetItemString(annotations.get(), name, value.get()) == 0;
+    };
+    for (const Parameter& parameter : operation.parameters) {
+        if (parameter.annotation != nullptr && !annotate(parameter.name, parameter.annotation)) {
+            return {};
+        }
+    }
+    return annotate("return", operation.result) ? std::move(annotations) : Ref{};
+}
+
+/// The tuple of defaults (all of them None), or None for none.
+Ref make_defaults(const Operation& operation)
+{
+    const auto count = std::count_if(operation.parameters.begin(), operation.parameters.end(),
+                                     [](const Parameter& parameter) { return parameter.none_by_default; });
+    if (count == 0) {
+        return none();
+    }
+    Ref defaults = Ref::steal(PyTuple_New(count));
+    for (Py_ssize_t i = 0; defaults && i < count; ++i) {
+        PyTuple_SET_ITEM(defaults.get(), i, Py_NewRef(Py_None));
+    }
+    return defaults;
+}
+
+/// Which parameter a keyword names: an index below the number of parameters, that number for none, or failed.
+Answer find_parameter(PyObject* parameters, PyObject* keyword, std::size_t count, std::size_t& index)
+{
+    for (index = 0; index < count; ++index) {
+        if (PyTuple_GET_ITEM(parameters, static_cast<Py_ssize_t>(index)) == keyword) {
+            return Answer::yes;
+        }
+    }
+    for (index = 0; index < count; ++index) {
+        const Answer same =
+            compare(PyTuple_GET_ITEM(parameters, static_cast<Py_ssize_t>(index)), keyword, Py_EQ);
+        if (same != Answer::no) {
+            return same;
+        }
+    }
+    return Answer::no;
+}
+
+/// `function.__defaults__` and `function.__kwdefaults__` for what was not given.
+Answer fill_in_defaults(const PyFunctionObject* function, PyObject* parameters, const Binding& binding)
+{
+    const std::size_t positional = binding.values.size() - binding.keyword_only;
+    const Ref defaults = Ref::borrow_optional(function->func_defaults);
+    const Ref by_name = Ref::borrow_optional(function->func_kwdefaults);
+    const auto count = defaults ? static_cast<std::size_t>(PyTuple_GET_SIZE(defaults.get())) : 0;
+    for (std::size_t i = 0; i < binding.values.size(); ++i) {
+        if (binding.values[i] != nullptr) {
+            continue;
+        }
+        if (i >= positional && by_name) {
+            if (PyDict_GetItemRef(by_name.get(), PyTuple_GET_ITEM(parameters, static_cast<Py_ssize_t>(i)),
+                                  binding.defaults[i].out()) < 0) {
+                return Answer::failed;
+            }
+        } else if (i < positional && i + count >= positional) {
+            binding.defaults[i] = Ref::borrow(
+                PyTuple_GET_ITEM(defaults.get(), static_cast<Py_ssize_t>(i + count - positional)));
+        }
+        binding.values[i] = binding.defaults[i].get();
+        if (binding.values[i] == nullptr) {
+            return Answer::no;
+        }
+    }
+    return Answer::yes;
+}
+
+}  // namespace
+
+Scope::Scope(PyObject* function)
+    : function_{reinterpret_cast<PyFunctionObject*>(function)},
+      keepsake_{Ref::borrow_optional(keepsake_of(function_))},
+      kept_{keepsake_ ? reinterpret_cast<Keepsake*>(keepsake_.get())->kept : nullptr}
+{
+}
+
+Ref Scope::global(PyObject* name) const
+{
+    Ref value;
+    if (PyDict_GetItemRef(function_->func_globals, name, value.out()) == 0 &&
+        PyDict_GetItemRef(function_->func_builtins, name, value.out()) == 0) {
+        raise_name_error(name);
+    }
+    return value;
+}
+
+bool Scope::owns(PyObject* value, vectorcallfunc entry) const
+{
+    if (!PyFunction_Check(value)) {
+        return false;
+    }
+    const auto* function = reinterpret_cast<PyFunctionObject*>(value);
+    return function->vectorcall == entry && function->func_globals == function_->func_globals &&
+           keepsake_of(function) == keepsake_.get();
+}
+
+Ref make_keepsake(void* kept, void (*destroy)(void*))
+{
+    std::array<PyType_Slot, 2> slots{
+        {{Py_tp_dealloc, reinterpret_cast<void*>(dealloc_keepsake)}, {0, nullptr}}};
+    PyType_Spec spec{"operations.keepsake", sizeof(Keepsake), 0,
+                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
+                     slots.data()};
+    const Ref type = Ref::steal(PyType_FromSpec(&spec));
+    Ref keepsake =
+        type ? Ref::steal(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(type.get()), 0)) : Ref{};
+    if (!keepsake) {
+        destroy(kept);
+        return {};
+    }
+    auto* const fields = reinterpret_cast<Keepsake*>(keepsake.get());
+    fields->kept = kept;
+    fields->destroy = destroy;
+    return keepsake;
+}
+
+Ref make_function(const Operation& operation, const char* owner, PyObject* globals, PyObject* keepsake)
+{
+    const Ref qualified_name =
+        Ref::steal(owner == nullptr ? PyUnicode_FromString(operation.name)
+                                    : PyUnicode_FromFormat("%s.%s", owner, operation.name));
+    if (!qualified_name) {
+        return {};
+    }
+    const Ref code = make_code(operation, qualified_name.get(), globals, keepsake);
+    const Ref annotations = make_annotations(operation);
+    const Ref defaults = make_defaults(operation);
+    const Ref doc = Ref::steal(PyUnicode_FromString(operation.doc));
+    if (!code || !annotations || !defaults || !doc) {
+        return {};
+    }
+    Ref function = Ref::steal(PyFunction_NewWithQualName(code.get(), globals, qualified_name.get()));
+    if (!function || PyFunction_SetAnnotations(function.get(), annotations.get()) != 0 ||
+        PyFunction_SetDefaults(function.get(), defaults.get()) != 0 ||
+        !set_attr(function.get(), names::doc, doc.get())) {
+        return {};
+    }
+    auto* const as_function = reinterpret_cast<PyFunctionObject*>(function.get());
+    interpreted = as_function->vectorcall;
+    PyFunction_SetVectorcall(as_function, operation.entry);
+    return function;
+}
+
+PyObject* call_interpreted(PyObject* function, PyObject* const* arguments, std::size_t flags,
+                           PyObject* keywords)
+{
+    return interpreted(function, arguments, flags, keywords);
+}
+
+bool are_last_parameters(PyObject* function, PyObject* keywords, std::size_t first)
+{
+    const auto* const code =
+        reinterpret_cast<PyCodeObject*>(reinterpret_cast<PyFunctionObject*>(function)->func_code);
+    const Py_ssize_t count = PyTuple_GET_SIZE(keywords);
+    const auto skipped = static_cast<Py_ssize_t>(first);
+    if (skipped + count != PyTuple_GET_SIZE(code->co_localsplusnames)) {
+        return false;
+    }
+    for (Py_ssize_t i = 0; i < count; ++i) {
+        if (PyTuple_GET_ITEM(keywords, i) != PyTuple_GET_ITEM(code->co_localsplusnames, skipped + i)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+Answer bind(PyObject* function, PyObject* const* arguments, std::size_t given, PyObject* keywords,
+            const Binding& binding)
+{
+    const auto* const as_function = reinterpret_cast<PyFunctionObject*>(function);
+    const std::size_t count = binding.values.size();
+    if (given > count - binding.keyword_only) {
+        return Answer::no;
+    }
+    const Ref parameters =
+        Ref::borrow(reinterpret_cast<PyCodeObject*>(as_function->func_code)->co_localsplusnames);
+    std::copy_n(arguments, given, binding.values.begin());
+    const std::size_t named = keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(keywords));
+    for (std::size_t i = 0; i < named; ++i) {
+        std::size_t index = 0;
+        const Answer found = find_parameter(
+            parameters.get(), PyTuple_GET_ITEM(keywords, static_cast<Py_ssize_t>(i)), count, index);
+        if (found != Answer::yes) {
+            return found;
+        }
+        if (binding.values[index] != nullptr) {
+            return Answer::no;
+        }
+        binding.values[index] = arguments[given + i];
+    }
+    return fill_in_defaults(as_function, parameters.get(), binding);
+}
+
+}  // namespace cpython

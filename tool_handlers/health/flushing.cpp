@@ -1,0 +1,374 @@
+// Writing what changed: blocking, and nothing that blocks under the lock.
+//
+// Each writer takes its snapshot and clears the marks in one critical section, writes outside the lock, and puts the
+// marks back, in a second critical section, when the write fails. A snapshot that fails for want of memory has lost
+// nothing either.
+#include "cpython/containers.hpp"
+#include "stored_formats.hpp"
+#include "tracker.hpp"
+
+namespace health {
+
+using cpython::Answer;
+using cpython::append;
+using cpython::attr;
+using cpython::call_method;
+using cpython::Left;
+
+namespace {
+
+constexpr Py_ssize_t copy_width = 4;  // references that a copy takes of every usage count
+
+/// `self._repo.db.name`
+Ref database_method(PyObject* self, PyObject* name)
+{
+    const Ref repository = attr(self, names::repo);
+    const Ref db = repository ? attr(repository.get(), names::db) : Ref{};
+    return db ? attr(db.get(), name) : Ref{};
+}
+
+/// What reading a variable raises that a `with` block was to set, had its error not been swallowed.
+void raise_unbound(const char* variable)
+{
+    PyErr_Format(PyExc_UnboundLocalError,
+                 "cannot access local variable '%s' where it is not associated with a value", variable);
+}
+
+/// `self._dirty.update(marked)`
+bool put_back(const Tracker& tracker, PyObject* marked)
+{
+    const Ref dirty = tracker.get(tracker_field::dirty);
+    if (!dirty) {
+        return false;
+    }
+    if (!PySet_CheckExact(dirty.get())) {
+        return static_cast<bool>(call_method(dirty.get(), names::update, marked));
+    }
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(marked); ++i) {
+        const Ref name = Ref::borrow(PyList_GET_ITEM(marked, i));
+        if (PySet_Add(dirty.get(), name.get()) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// The end of `except Exception: with self._lock: <restore>; raise`. Always leaves an exception set.
+template <class Restore>
+Ref restore_and_raise(const Scope& scope, PyObject* self, Restore restore)
+{
+    if (cpython::is_caught()) {
+        const cpython::Handling handling;
+        if (locked(scope, self, restore) != Left::failed) {
+            handling.raise_again();
+        }
+    }
+    return {};
+}
+
+/// Runs `restore` for a snapshot that failed for want of memory, under the lock that is held already: what is marked
+/// must not depend on when memory ran out.
+template <class Restore>
+void restore_after_memory_error(Restore restore)
+{
+    if (PyErr_ExceptionMatches(PyExc_MemoryError) == 0) {
+        return;
+    }
+    PyObject* const error = PyErr_GetRaisedException();
+    if (!restore()) {
+        PyErr_Clear();
+    }
+    PyErr_SetRaisedException(error);
+}
+
+/// `(name, call_count, error_count, last_error, disabled_at, updated_at)`, the times as text.
+Ref health_row(const Scope& scope, PyObject* name, PyObject* state)
+{
+    const ToolStateClass& records = originals(scope).tool_state;
+    const Ref calls = records.get(state, tool_state::call_count);
+    const Ref errors = calls ? records.get(state, tool_state::error_count) : Ref{};
+    const Ref last_error = errors ? records.get(state, tool_state::last_error) : Ref{};
+    Ref disabled_at = last_error ? records.get(state, tool_state::disabled_at) : Ref{};
+    disabled_at = disabled_at ? call_sqlite_time(scope, disabled_at.get()) : Ref{};
+    Ref updated_at = disabled_at ? records.get(state, tool_state::updated_at) : Ref{};
+    updated_at = updated_at ? call_sqlite_time(scope, updated_at.get()) : Ref{};
+    return updated_at ? Ref::steal(PyTuple_Pack(6, name, calls.get(), errors.get(), last_error.get(),
+                                                disabled_at.get(), updated_at.get()))
+                      : Ref{};
+}
+
+/// The rows of the named tools that have a record, in the order of the names.
+Ref health_rows(const Scope& scope, const Tracker& tracker, PyObject* marked)
+{
+    Ref rows = Ref::steal(PyList_New(0));
+    for (Py_ssize_t i = 0; rows && i < PyList_GET_SIZE(marked); ++i) {
+        const Ref name = Ref::borrow(PyList_GET_ITEM(marked, i));
+        const Ref states = tracker.get(tracker_field::state);
+        Ref state;
+        switch (states ? cpython::get_from(states.get(), name.get(), names::get, state) : Answer::failed) {
+        case Answer::failed:
+            return {};
+        case Answer::no:
+            break;
+        case Answer::yes:
+            if (!append(rows, health_row(scope, name.get(), state.get()))) {
+                return {};
+            }
+        }
+    }
+    return rows;
+}
+
+/// The snapshot of the health flush, under the lock: the marked names in order, and their rows; the marks are cleared.
+bool take_health(const Scope& scope, const Tracker& tracker, Ref& marked, Ref& rows)
+{
+    Ref dirty = tracker.get(tracker_field::dirty);
+    marked = dirty ? Ref::steal(PySequence_List(dirty.get())) : Ref{};
+    if (!marked || PyList_Sort(marked.get()) != 0) {
+        return false;
+    }
+    dirty = tracker.get(tracker_field::dirty);
+    if (!dirty ||
+        !(PySet_CheckExact(dirty.get()) ? PySet_Clear(dirty.get()) == 0
+                                        : static_cast<bool>(call_method(dirty.get(), names::clear)))) {
+        return false;
+    }
+    rows = health_rows(scope, tracker, marked.get());
+    if (!rows) {
+        restore_after_memory_error([&] { return put_back(tracker, marked.get()); });
+    }
+    return static_cast<bool>(rows);
+}
+
+/// The upsert, eight lines.
+Ref upsert_statement(const Scope& scope)
+{
+    const Ref columns = scope.global(names::tool_health_columns);
+    return columns ? Ref::steal(
+                         PyUnicode_FromFormat("INSERT INTO tool_health (%S)\n"
+                                              "                    VALUES (?, ?, ?, ?, ?, ?)\n"
+                                              "                    ON CONFLICT(tool_name) DO UPDATE SET\n"
+                                              "                        call_count = excluded.call_count,\n"
+                                              "                        error_count = excluded.error_count,\n"
+                                              "                        last_error = excluded.last_error,\n"
+                                              "                        disabled_at = excluded.disabled_at,\n"
+                                              "                        updated_at = excluded.updated_at",
+                                              columns.get()))
+                   : Ref{};
+}
+
+/// `self._repo.db.executemany(statement, rows)`
+Ref write_health(const Scope& scope, PyObject* self, PyObject* rows)
+{
+    const Ref execute = database_method(self, names::executemany);
+    const Ref statement = execute ? upsert_statement(scope) : Ref{};
+    return statement ? cpython::call(execute.get(), statement.get(), rows) : Ref{};
+}
+
+/// A stored entry from the parts of its key and its counts; the total is rounded already.
+Ref make_entry(const Scope& scope, const UsageKey& key, PyObject* calls, PyObject* timed_calls,
+               PyObject* total_ms)
+{
+    const auto& [tool, action, outcome, alias_hit] = key;
+    return originals(scope).saved_entry.make(
+        {tool.get(), action.get(), outcome.get(), alias_hit.get(), calls, timed_calls, total_ms});
+}
+
+/// The entries of the usage map, whatever it is.
+Ref entries_of_any(const Scope& scope, PyObject* usage)
+{
+    const UsageClass& records = originals(scope).usage;
+    const Ref items = call_method(usage, names::items);
+    const Ref pairs = items ? Ref::steal(PyObject_GetIter(items.get())) : Ref{};
+    Ref saved = pairs ? Ref::steal(PyList_New(0)) : Ref{};
+    if (!saved) {
+        return {};
+    }
+    while (const Ref item = Ref::steal(PyIter_Next(pairs.get()))) {
+        std::array<Ref, 2> pair;
+        UsageKey key;
+        if (!cpython::unpack(item.get(), pair) || !cpython::unpack(pair[0].get(), key)) {
+            return {};
+        }
+        PyObject* const counts = pair[1].get();
+        const Ref calls = records.get(counts, usage_record::calls);
+        const Ref timed_calls = calls ? records.get(counts, usage_record::timed_calls) : Ref{};
+        Ref total_ms = timed_calls ? records.get(counts, usage_record::total_ms) : Ref{};
+        total_ms = total_ms ? rounded(scope, total_ms.get(), 3) : Ref{};
+        if (!total_ms ||
+            !append(saved, make_entry(scope, key, calls.get(), timed_calls.get(), total_ms.get()))) {
+            return {};
+        }
+    }
+    return PyErr_Occurred() == nullptr ? std::move(saved) : Ref{};
+}
+
+/// A copy of the usage counts that is quick to take: a tuple of key, calls, timed calls and total for every key, as the
+/// references stand, from which `entries_of_copy` makes the entries without the lock. No when the map or anything in
+/// it is not plain; nothing foreign has run then.
+Answer copy_plain(const Scope& scope, PyObject* usage, Ref& copy)
+{
+    const UsageClass& records = originals(scope).usage;
+    if (!PyDict_CheckExact(usage)) {
+        return Answer::no;
+    }
+    copy = Ref::steal(PyTuple_New(PyDict_GET_SIZE(usage) * copy_width));
+    if (!copy) {
+        return Answer::failed;
+    }
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* counts = nullptr;
+    for (Py_ssize_t at = 0; PyDict_Next(usage, &position, &key, &counts) != 0; at += copy_width) {
+        if (!PyTuple_CheckExact(key) || PyTuple_GET_SIZE(key) != static_cast<Py_ssize_t>(key_parts) ||
+            !records.is_plain(counts)) {
+            return Answer::no;
+        }
+        Ref total_ms = records.get(counts, usage_record::total_ms);
+        if (!PyFloat_CheckExact(total_ms.get())) {
+            return Answer::no;
+        }
+        PyTuple_SET_ITEM(copy.get(), at, Py_NewRef(key));
+        PyTuple_SET_ITEM(copy.get(), at + 1, records.get(counts, usage_record::calls).release());
+        PyTuple_SET_ITEM(copy.get(), at + 2, records.get(counts, usage_record::timed_calls).release());
+        PyTuple_SET_ITEM(copy.get(), at + 3, total_ms.release());
+    }
+    return Answer::yes;
+}
+
+/// The entries of such a copy.
+Ref entries_of_copy(const Scope& scope, PyObject* copy)
+{
+    const Py_ssize_t size = PyTuple_GET_SIZE(copy);
+    Ref saved = Ref::steal(PyList_New(size / copy_width));
+    for (Py_ssize_t at = 0; saved && at < size; at += copy_width) {
+        UsageKey key;
+        const Ref total_ms = rounded(scope, PyTuple_GET_ITEM(copy, at + 3), 3);
+        Ref entry = total_ms && cpython::unpack(PyTuple_GET_ITEM(copy, at), key)
+                        ? make_entry(scope, key, PyTuple_GET_ITEM(copy, at + 1),
+                                     PyTuple_GET_ITEM(copy, at + 2), total_ms.get())
+                        : Ref{};
+        if (!entry) {
+            return {};
+        }
+        PyList_SET_ITEM(saved.get(), at / copy_width, entry.release());
+    }
+    return saved;
+}
+
+/// The snapshot of the usage flush: nothing to write, a plain copy, or the entries themselves.
+struct UsageSnapshot {
+    bool pending = false;
+    Ref copy;
+    Ref saved;
+};
+
+/// Takes it, under the lock, and clears the mark.
+bool take_usage(const Scope& scope, const Tracker& tracker, UsageSnapshot& snapshot)
+{
+    const Ref mark = tracker.get(tracker_field::usage_dirty);
+    const Answer pending = mark ? cpython::truth(mark.get()) : Answer::failed;
+    snapshot.pending = pending == Answer::yes;
+    if (pending != Answer::yes) {
+        return pending == Answer::no;
+    }
+    if (!tracker.mark_usage(false)) {
+        return false;
+    }
+    const Ref usage = tracker.get(tracker_field::usage);
+    switch (usage ? copy_plain(scope, usage.get(), snapshot.copy) : Answer::failed) {
+    case Answer::yes:
+        return true;
+    case Answer::no:
+        snapshot.copy = Ref{};
+        snapshot.saved = entries_of_any(scope, usage.get());
+        break;
+    case Answer::failed:
+        break;
+    }
+    if (!snapshot.saved) {
+        restore_after_memory_error([&] { return tracker.mark_usage(true); });
+    }
+    return static_cast<bool>(snapshot.saved);
+}
+
+/// `json.dumps(saved, separators=(",", ":"))`
+Ref make_document(const Scope& scope, PyObject* saved)
+{
+    const Ref json = scope.global(names::json);
+    const Ref dump = json ? attr(json.get(), names::dumps) : Ref{};
+    const Ref separators = dump ? Ref::steal(Py_BuildValue("(ss)", ",", ":")) : Ref{};
+    const Ref keywords =
+        separators ? Ref::steal(PyTuple_Pack(1, static_cast<PyObject*>(names::separators))) : Ref{};
+    const std::array<PyObject*, 2> arguments{saved, separators.get()};
+    return keywords ? Ref::steal(PyObject_Vectorcall(dump.get(), arguments.data(), 1, keywords.get()))
+                    : Ref{};
+}
+
+/// `self._repo.db.execute(statement, (TOOL_USAGE_KEY, document))`
+Ref write_usage(const Scope& scope, PyObject* self, PyObject* saved)
+{
+    const Ref document = make_document(scope, saved);
+    const Ref execute = document ? database_method(self, names::execute) : Ref{};
+    const Ref key = execute ? scope.global(names::tool_usage_key) : Ref{};
+    const Ref parameters = key ? Ref::steal(PyTuple_Pack(2, key.get(), document.get())) : Ref{};
+    return parameters
+               ? cpython::call(execute.get(), static_cast<PyObject*>(names::replace_usage), parameters.get())
+               : Ref{};
+}
+
+}  // namespace
+
+Ref flush(const Scope& /*scope*/, PyObject* const* arguments)
+{
+    const Ref rows = call_method(arguments[0], names::flush_health);
+    const Ref entries = rows ? call_method(arguments[0], names::flush_usage) : Ref{};
+    return entries ? Ref::steal(PyNumber_Add(rows.get(), entries.get())) : Ref{};
+}
+
+Ref flush_health(const Scope& scope, PyObject* const* arguments)
+{
+    PyObject* const self = arguments[0];
+    Ref marked;
+    Ref rows;
+    const Left left = locked(
+        scope, self, [&](const Tracker& tracker) { return take_health(scope, tracker, marked, rows); });
+    if (left != Left::done) {
+        if (left == Left::swallowed) {
+            raise_unbound("rows");
+        }
+        return {};
+    }
+    if (PyList_GET_SIZE(rows.get()) != 0 && !write_health(scope, self, rows.get())) {
+        return restore_and_raise(scope, self,
+                                 [&](const Tracker& tracker) { return put_back(tracker, marked.get()); });
+    }
+    return Ref::steal(PyLong_FromSsize_t(PyList_GET_SIZE(rows.get())));
+}
+
+Ref flush_usage(const Scope& scope, PyObject* const* arguments)
+{
+    PyObject* const self = arguments[0];
+    UsageSnapshot snapshot;
+    const Left left =
+        locked(scope, self, [&](const Tracker& tracker) { return take_usage(scope, tracker, snapshot); });
+    if (left == Left::failed) {
+        return {};
+    }
+    if (left == Left::done && !snapshot.pending) {
+        return Ref::borrow(Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
+    }
+    Ref saved = std::move(snapshot.saved);
+    if (left == Left::swallowed) {
+        raise_unbound("saved");
+    } else if (!saved) {
+        saved = entries_of_copy(scope, snapshot.copy.get());
+    }
+    if (left == Left::swallowed || !saved || !write_usage(scope, self, saved.get())) {
+        return restore_and_raise(scope, self,
+                                 [](const Tracker& tracker) { return tracker.mark_usage(true); });
+    }
+    return Ref::steal(PyLong_FromSsize_t(PyList_GET_SIZE(saved.get())));
+}
+
+}  // namespace health

@@ -1,0 +1,297 @@
+// Reading the history when a tracker is created: blocking, outside the lock, best-effort.
+//
+// Whatever the database, or a document in it, does wrong ends in one warning and a tracker without that part of its
+// history. What the host's registry does wrong outside the guarded steps, or a row whose counts are no numbers, leaves
+// the constructor.
+#include "cpython/containers.hpp"
+#include "stored_formats.hpp"
+#include "tracker.hpp"
+
+namespace health {
+
+using cpython::Answer;
+using cpython::append;
+using cpython::attr;
+using cpython::call_method;
+
+namespace {
+
+constexpr std::size_t health_columns = 6;
+using HealthRow = std::array<Ref, health_columns>;
+
+/// `self._repo.db`
+Ref database(PyObject* self)
+{
+    const Ref repository = attr(self, names::repo);
+    return repository ? attr(repository.get(), names::db) : Ref{};
+}
+
+/// The end of `except Exception as error: logger.warning(message, error); return`; null for an error that is let out.
+Ref log_and_go_on(const Scope& scope, PyObject* message)
+{
+    if (!cpython::is_caught()) {
+        return {};
+    }
+    const cpython::Handling handling;
+    const Ref logger = scope.global(names::logger);
+    return logger && call_method(logger.get(), names::warning, message, handling.error()) ? cpython::none()
+                                                                                          : Ref{};
+}
+
+/// Whether the registry still has the tool: `TOOLS.get(name) is not None`.
+Answer is_registered(const Scope& scope, PyObject* name)
+{
+    const Ref registry = scope.global(names::tools);
+    Ref entry;
+    return registry ? cpython::get_from(registry.get(), name, names::get, entry) : Answer::failed;
+}
+
+/// `list(self._repo.db.fetchall(...))`
+Ref read_rows(const Scope& scope, PyObject* self)
+{
+    const Ref db = database(self);
+    const Ref fetch = db ? attr(db.get(), names::fetchall) : Ref{};
+    const Ref columns = fetch ? scope.global(names::tool_health_columns) : Ref{};
+    const Ref statement =
+        columns ? Ref::steal(PyUnicode_FromFormat("SELECT %S FROM tool_health", columns.get())) : Ref{};
+    const Ref rows = statement ? cpython::call(fetch.get(), statement.get()) : Ref{};
+    return rows ? Ref::steal(PySequence_List(rows.get())) : Ref{};
+}
+
+/// Deletes the rows of tools that the registry no longer has, in one batch.
+bool delete_removed(const Scope& scope, PyObject* self, const Ref& rows)
+{
+    const Ref removed = Ref::steal(PyList_New(0));
+    const Ref first = removed ? Ref::steal(PyLong_FromLong(0)) : Ref{};
+    if (!first) {
+        return false;
+    }
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i) {
+        const Ref row = Ref::borrow(PyList_GET_ITEM(rows.get(), i));
+        const Ref name = cpython::item(row.get(), first.get());
+        const Answer registered = name ? is_registered(scope, name.get()) : Answer::failed;
+        if (registered == Answer::failed ||
+            (registered == Answer::no && !append(removed, Ref::steal(PyTuple_Pack(1, name.get()))))) {
+            return false;
+        }
+    }
+    if (PyList_GET_SIZE(removed.get()) == 0) {
+        return true;
+    }
+    const Ref db = database(self);
+    return db && call_method(db.get(), names::executemany, static_cast<PyObject*>(names::delete_health),
+                             removed.get());
+}
+
+/// `_ToolState(call_count=..., error_count=..., last_error=..., disabled_at=..., updated_at=...)` from a row.
+Ref make_state(const Scope& scope, const HealthRow& columns)
+{
+    const ToolStateClass& records = originals(scope).tool_state;
+    const Ref type = scope.global(names::tool_state);
+    Ref calls = type ? whole_or_zero(columns[1].get()) : Ref{};
+    Ref errors = calls ? whole_or_zero(columns[2].get()) : Ref{};
+    Ref disabled_at = errors ? call_epoch(scope, columns[4].get()) : Ref{};
+    Ref updated_at = disabled_at ? call_epoch(scope, columns[5].get()) : Ref{};
+    switch (updated_at ? cpython::truth(updated_at.get()) : Answer::failed) {
+    case Answer::failed:
+        return {};
+    case Answer::no:
+        updated_at = records.defaults()[tool_state::updated_at.index].copy();
+        break;
+    case Answer::yes:
+        break;
+    }
+    std::array<Ref, 6> values{std::move(calls),       std::move(errors),     columns[3].copy(),
+                              std::move(disabled_at), std::move(updated_at), {}};
+    if (records.is_original(type.get())) {
+        values[5] = records.defaults()[tool_state::consecutive_errors.index].copy();
+        return records.make_original(type.get(), values);
+    }
+    const Ref keywords = Ref::steal(
+        PyTuple_Pack(5, static_cast<PyObject*>(names::call_count), static_cast<PyObject*>(names::error_count),
+                     static_cast<PyObject*>(names::last_error), static_cast<PyObject*>(names::disabled_at),
+                     static_cast<PyObject*>(names::updated_at)));
+    const std::array<PyObject*, 5> arguments{values[0].get(), values[1].get(), values[2].get(),
+                                             values[3].get(), values[4].get()};
+    return keywords ? Ref::steal(PyObject_Vectorcall(type.get(), arguments.data(), 0, keywords.get()))
+                    : Ref{};
+}
+
+/// Puts the rows of registered tools into the state, under the lock.
+bool seed_state(const Scope& scope, const Tracker& tracker, const Ref& rows)
+{
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i) {
+        const Ref row = Ref::borrow(PyList_GET_ITEM(rows.get(), i));
+        HealthRow columns;
+        const Answer registered =
+            cpython::unpack(row.get(), columns) ? is_registered(scope, columns[0].get()) : Answer::failed;
+        if (registered == Answer::failed) {
+            return false;
+        }
+        if (registered == Answer::no) {
+            continue;
+        }
+        const Ref state = make_state(scope, columns);
+        const Ref states = state ? tracker.get(tracker_field::state) : Ref{};
+        if (!states || PyObject_SetItem(states.get(), columns[0].get(), state.get()) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// The entries of the stored usage document, any iterable; an empty list when there is none.
+Ref read_document(const Scope& scope, PyObject* self)
+{
+    const Ref db = database(self);
+    const Ref fetch = db ? attr(db.get(), names::fetchone) : Ref{};
+    const Ref key = fetch ? scope.global(names::tool_usage_key) : Ref{};
+    const Ref parameters = key ? Ref::steal(PyTuple_Pack(1, key.get())) : Ref{};
+    const Ref row =
+        parameters ? cpython::call(fetch.get(), static_cast<PyObject*>(names::select_usage), parameters.get())
+                   : Ref{};
+    if (!row || row.get() == Py_None) {
+        return row ? Ref::steal(PyList_New(0)) : Ref{};
+    }
+    const Ref first = Ref::steal(PyLong_FromLong(0));
+    const Ref value = first ? cpython::item(row.get(), first.get()) : Ref{};
+    const int is_text =
+        value ? PyObject_IsInstance(value.get(), reinterpret_cast<PyObject*>(&PyUnicode_Type)) : -1;
+    if (is_text <= 0) {
+        return is_text == 0 ? Ref::steal(PyList_New(0)) : Ref{};
+    }
+    const Ref json = scope.global(names::json);
+    return json ? call_method(json.get(), names::loads, value.get()) : Ref{};
+}
+
+/// The usage key of an entry: `(str(tool), action, str(outcome), bool(alias_hit))`.
+Ref entry_key(PyObject* entry)
+{
+    Ref tool = cpython::item(entry, names::tool);
+    tool = tool ? Ref::steal(PyObject_Str(tool.get())) : Ref{};
+    const Ref action = tool ? cpython::item(entry, names::action) : Ref{};
+    Ref outcome = action ? cpython::item(entry, names::outcome) : Ref{};
+    outcome = outcome ? Ref::steal(PyObject_Str(outcome.get())) : Ref{};
+    const Ref alias_hit = outcome ? cpython::item(entry, names::alias_hit) : Ref{};
+    const Answer by_alias = alias_hit ? cpython::truth(alias_hit.get()) : Answer::failed;
+    return by_alias == Answer::failed
+               ? Ref{}
+               : Ref::steal(PyTuple_Pack(4, tool.get(), action.get(), outcome.get(),
+                                         by_alias == Answer::yes ? Py_True : Py_False));
+}
+
+/// `_Usage(int(calls), int(timed_calls), float(total_ms))` of an entry.
+Ref entry_usage(const Scope& scope, PyObject* entry)
+{
+    const Ref type = scope.global(names::usage_record);
+    Ref calls = type ? cpython::item(entry, names::calls) : Ref{};
+    calls = calls ? Ref::steal(PyNumber_Long(calls.get())) : Ref{};
+    Ref timed_calls = calls ? cpython::item(entry, names::timed_calls) : Ref{};
+    timed_calls = timed_calls ? Ref::steal(PyNumber_Long(timed_calls.get())) : Ref{};
+    Ref total_ms = timed_calls ? cpython::item(entry, names::total_ms) : Ref{};
+    total_ms = total_ms ? Ref::steal(PyNumber_Float(total_ms.get())) : Ref{};
+    if (!total_ms) {
+        return {};
+    }
+    const UsageClass& records = originals(scope).usage;
+    return records.is_original(type.get())
+               ? records.make_original(type.get(),
+                                       {std::move(calls), std::move(timed_calls), std::move(total_ms)})
+               : cpython::call(type.get(), calls.get(), timed_calls.get(), total_ms.get());
+}
+
+/// Everything that the stored document counts, by usage key.
+Ref read_usage(const Scope& scope, PyObject* self)
+{
+    const Ref saved = read_document(scope, self);
+    Ref loaded = saved ? Ref::steal(PyDict_New()) : Ref{};
+    const Ref entries = loaded ? Ref::steal(PyObject_GetIter(saved.get())) : Ref{};
+    if (!entries) {
+        return {};
+    }
+    while (const Ref entry = Ref::steal(PyIter_Next(entries.get()))) {
+        const Ref key = entry_key(entry.get());
+        const Ref usage = key ? entry_usage(scope, entry.get()) : Ref{};
+        if (!usage || PyDict_SetItem(loaded.get(), key.get(), usage.get()) != 0) {
+            return {};
+        }
+    }
+    return PyErr_Occurred() == nullptr ? std::move(loaded) : Ref{};
+}
+
+/// `_known(tool, action)`, looked up in the module, for the tool and action of a key.
+Answer is_known(const Scope& scope, PyObject* key)
+{
+    const std::array<PyObject*, 2> arguments{PyTuple_GET_ITEM(key, 0), PyTuple_GET_ITEM(key, 1)};
+    const Ref function = scope.global(names::known);
+    if (!function) {
+        return Answer::failed;
+    }
+    const Ref result = scope.owns(function.get(), cpython::enter<known, 2, 0>)
+                           ? known(scope, arguments.data())
+                           : cpython::call(function.get(), arguments[0], arguments[1]);
+    return result ? cpython::truth(result.get()) : Answer::failed;
+}
+
+/// The loaded counts whose tool and action the registry still has.
+Ref known_usage(const Scope& scope, const Ref& loaded)
+{
+    Ref kept = Ref::steal(PyDict_New());
+    Py_ssize_t position = 0;
+    PyObject* key = nullptr;
+    PyObject* usage = nullptr;
+    while (kept && PyDict_Next(loaded.get(), &position, &key, &usage) != 0) {
+        const Ref held_key = Ref::borrow(key);
+        const Ref held_usage = Ref::borrow(usage);
+        switch (is_known(scope, held_key.get())) {
+        case Answer::yes:
+            if (PyDict_SetItem(kept.get(), held_key.get(), held_usage.get()) != 0) {
+                return {};
+            }
+            break;
+        case Answer::no:
+            break;
+        case Answer::failed:
+            return {};
+        }
+    }
+    return kept;
+}
+
+}  // namespace
+
+Ref load(const Scope& scope, PyObject* const* arguments)
+{
+    PyObject* const self = arguments[0];
+    const Ref rows = read_rows(scope, self);
+    if (!rows || !delete_removed(scope, self, rows)) {
+        return log_and_go_on(scope, names::health_unreadable);
+    }
+    return result_of(
+        locked(scope, self, [&](const Tracker& tracker) { return seed_state(scope, tracker, rows); }),
+        cpython::none());
+}
+
+Ref load_usage(const Scope& scope, PyObject* const* arguments)
+{
+    PyObject* const self = arguments[0];
+    const Ref loaded = read_usage(scope, self);
+    if (!loaded) {
+        return log_and_go_on(scope, names::usage_unreadable);
+    }
+    const Ref kept = known_usage(scope, loaded);
+    if (!kept) {
+        return {};
+    }
+    const cpython::Left left = locked(scope, self, [&](const Tracker& tracker) {
+        const Ref usage = tracker.get(tracker_field::usage);
+        const bool merged =
+            usage && (PyDict_CheckExact(usage.get())
+                          ? PyDict_Update(usage.get(), kept.get()) == 0
+                          : static_cast<bool>(call_method(usage.get(), names::update, kept.get())));
+        return merged && tracker.mark_usage(PyDict_GET_SIZE(kept.get()) != PyDict_GET_SIZE(loaded.get()));
+    });
+    return result_of(left, cpython::none());
+}
+
+}  // namespace health

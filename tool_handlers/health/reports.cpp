@@ -1,0 +1,117 @@
+#include "reports.hpp"
+
+#include "originals.hpp"
+
+namespace health {
+
+using cpython::Answer;
+using cpython::attr;
+
+namespace {
+
+/// One tool's statistics: the seven values of the collector's record, nothing else of it.
+Ref tool_stats(const Scope& scope, PyObject* record)
+{
+    const auto& shape = originals(scope).tool_stats;
+    std::array<Ref, 7> held;
+    std::array<PyObject*, 7> values{};
+    for (std::size_t i = 0; i < held.size(); ++i) {
+        held[i] = cpython::item(record, shape.keys()[i]);
+        values[i] = held[i].get();
+        if (values[i] == nullptr) {
+            return {};
+        }
+    }
+    return shape.make(values);
+}
+
+/// `report[key] = value`
+bool put(const Ref& report, PyObject* key, PyObject* value)
+{
+    return PyDict_SetItem(report.get(), key, value) == 0;
+}
+
+/// The warning text; the numbers in the form that an f-string gives them.
+Ref warning_text(PyObject* counted, PyObject* budget)
+{
+    const Ref threads = Ref::steal(PyObject_Format(counted, nullptr));
+    const Ref allowed = threads ? Ref::steal(PyObject_Format(budget, nullptr)) : Ref{};
+    return allowed
+               ? Ref::steal(PyUnicode_FromFormat(
+                     "The process holds %U threads, more than the %U its pools allow: threads are piling up."
+                     " A thread that ran the local embedding model keeps a team of torch threads, as many as"
+                     " KAVRIN_EMBED_THREADS allows (0 leaves torch's own size).",
+                     threads.get(), allowed.get()))
+               : Ref{};
+}
+
+/// `dict(items)`
+Ref dict_of(PyObject* items)
+{
+    return PyDict_CheckExact(items) ? Ref::steal(PyDict_Copy(items))
+                                    : cpython::call(reinterpret_cast<PyObject*>(&PyDict_Type), items);
+}
+
+}  // namespace
+
+Ref handle_get_tool_performance_stats(const Scope& scope, PyObject* const* /*arguments*/)
+{
+    const Ref get_collector = scope.global(names::get_timing_collector);
+    const Ref collector = get_collector ? cpython::call(get_collector.get()) : Ref{};
+    const Ref all_stats = collector ? cpython::call_method(collector.get(), names::get_all_stats) : Ref{};
+    const Ref records = all_stats ? Ref::steal(PyObject_GetIter(all_stats.get())) : Ref{};
+    const Ref tools = records ? Ref::steal(PyList_New(0)) : Ref{};
+    if (!tools) {
+        return {};
+    }
+    while (const Ref record = Ref::steal(PyIter_Next(records.get()))) {
+        if (!cpython::append(tools, tool_stats(scope, record.get()))) {
+            return {};
+        }
+    }
+    if (PyErr_Occurred() != nullptr) {
+        return {};
+    }
+    Ref answer = Ref::steal(PyDict_New());
+    return answer && put(answer, names::tools_list, tools.get()) ? std::move(answer) : Ref{};
+}
+
+Ref thread_census_report(const Scope& scope, PyObject* const* arguments)
+{
+    PyObject* const budget = arguments[0];
+    Ref census = Ref::borrow(arguments[1]);
+    if (census.get() == Py_None) {
+        const Ref take_census = scope.global(names::thread_census);
+        census = take_census ? cpython::call(take_census.get()) : Ref{};
+    }
+    const Ref os_threads = census ? attr(census.get(), names::os_threads) : Ref{};
+    const Ref python_total = os_threads ? attr(census.get(), names::python_total) : Ref{};
+    const Ref python_threads = python_total ? attr(census.get(), names::python_threads) : Ref{};
+    const Ref by_name = python_threads ? dict_of(python_threads.get()) : Ref{};
+    if (!by_name) {
+        return {};
+    }
+    const bool from_os = os_threads.get() != Py_None;
+    Ref report =
+        from_os ? originals(scope).census_report.make(
+                      {os_threads.get(), python_total.get(), by_name.get(), budget})
+                : originals(scope).census_report_without_os.make({python_total.get(), by_name.get(), budget});
+    if (!report) {
+        return {};
+    }
+    PyObject* const counted = from_os ? os_threads.get() : python_total.get();
+    switch (cpython::compare(counted, budget, Py_GT)) {
+    case Answer::failed:
+        return {};
+    case Answer::no:
+        break;
+    case Answer::yes:
+        const Ref warning = warning_text(counted, budget);
+        if (!warning || !put(report, names::warning, warning.get())) {
+            return {};
+        }
+    }
+    return report;
+}
+
+}  // namespace health

@@ -1,0 +1,534 @@
+// The health summary: every tool, the worst first, with its usage rows.
+//
+// A walk over all usage counts for every tool would cost tools times keys. So one pass groups the counts by tool, as
+// positions in the usage map in the order of the map, and a tool's rows are then read at those positions. What the
+// host's `is_slow_call` sees and can do between two rows is the same as during a walk: a record that it changes or
+// replaces shows in the rows to come, and a map that it resizes ends the summary with the error of an iteration.
+// An overridden `_usage_rows`, a replaced map, or keys that are not what the tracker puts there go the general way.
+#include "cpython/containers.hpp"
+#include "stored_formats.hpp"
+#include "tracker.hpp"
+
+#include <algorithm>
+#include <tuple>
+
+namespace health {
+
+using cpython::Answer;
+using cpython::append;
+using cpython::attr;
+using cpython::Scratch;
+
+namespace {
+
+constexpr Py_ssize_t no_entry = -1;
+
+/// A count as a machine integer; false for anything but an int of that size. Runs no foreign code, sets no error.
+bool as_number(PyObject* count, long long& number)
+{
+    if (!PyLong_CheckExact(count)) {
+        return false;
+    }
+    int overflow = 0;
+    number = PyLong_AsLongLongAndOverflow(count, &overflow);
+    return overflow == 0;
+}
+
+/// `round(usage.total_ms / usage.timed_calls, 2) if usage.timed_calls else None`
+Ref mean_ms(const Scope& scope, PyObject* usage)
+{
+    const UsageClass& records = originals(scope).usage;
+    Ref timed_calls = records.get(usage, usage_record::timed_calls);
+    const Answer timed = timed_calls ? cpython::truth(timed_calls.get()) : Answer::failed;
+    if (timed != Answer::yes) {
+        return timed == Answer::no ? cpython::none() : Ref{};
+    }
+    const Ref total_ms = records.get(usage, usage_record::total_ms);
+    timed_calls = total_ms ? records.get(usage, usage_record::timed_calls) : Ref{};
+    const Ref mean = timed_calls ? Ref::steal(PyNumber_TrueDivide(total_ms.get(), timed_calls.get())) : Ref{};
+    return mean ? rounded(scope, mean.get(), 2) : Ref{};
+}
+
+/// What decides the place of a row among the rows of its tool, when it is all plain.
+struct RowRank {
+    Ref row;
+    Ref action;  // as text
+    Ref outcome;
+    Ref alias_hit;
+    long long calls = 0;
+    std::size_t place = 0;  // keeps the order of equals
+
+    /// False when this row needs the general sort. Runs no foreign code: a row is a dictionary of our own making.
+    bool read(PyObject* from, std::size_t at)
+    {
+        Ref count;
+        PyDict_GetItemRef(from, names::calls, count.out());
+        PyDict_GetItemRef(from, names::action, action.out());
+        PyDict_GetItemRef(from, names::outcome, outcome.out());
+        PyDict_GetItemRef(from, names::alias_hit, alias_hit.out());
+        if (!count || !action || !outcome || !alias_hit) {
+            return false;
+        }
+        if (action.get() == Py_None) {
+            action = Ref::borrow(names::none_text);
+        }
+        row = Ref::borrow(from);
+        place = at;
+        return as_number(count.get(), calls) && PyUnicode_CheckExact(action.get()) &&
+               PyUnicode_CheckExact(outcome.get()) && PyBool_Check(alias_hit.get());
+    }
+
+    [[nodiscard]] bool precedes(const RowRank& other) const
+    {
+        if (calls != other.calls) {
+            return calls > other.calls;
+        }
+        if (const int order = PyUnicode_Compare(action.get(), other.action.get()); order != 0) {
+            return order < 0;
+        }
+        if (const int order = PyUnicode_Compare(outcome.get(), other.outcome.get()); order != 0) {
+            return order < 0;
+        }
+        return alias_hit.get() != other.alias_hit.get() ? alias_hit.get() == Py_False : place < other.place;
+    }
+};
+
+/// One tool of the summary, with the chain of its usage counts.
+struct Tool {
+    Ref name;
+    Ref state;
+    long long errors = 0;
+    long long calls = 0;
+    std::size_t place = 0;  // in the order of listing, which keeps the order of equals
+    Py_ssize_t first_entry = no_entry;
+    Py_ssize_t last_entry = no_entry;
+
+    [[nodiscard]] bool precedes(const Tool& other) const
+    {
+        return std::tie(other.errors, other.calls, place) < std::tie(errors, calls, other.place);
+    }
+};
+
+/// One usage count: its key, where it stands in the usage map, and the next one of the same tool.
+struct Entry {
+    Ref key;
+    Py_ssize_t position = 0;
+    Py_ssize_t next = no_entry;
+};
+
+/// The key of the general sort: `(-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"])`.
+PyObject* rank_of_row(PyObject* /*module*/, PyObject* row)
+{
+    const Ref calls = cpython::item(row, names::calls);
+    const Ref most_first = calls ? Ref::steal(PyNumber_Negative(calls.get())) : Ref{};
+    const Ref action = most_first ? cpython::item(row, names::action) : Ref{};
+    const Ref text = action ? Ref::steal(PyObject_Str(action.get())) : Ref{};
+    const Ref outcome = text ? cpython::item(row, names::outcome) : Ref{};
+    const Ref alias_hit = outcome ? cpython::item(row, names::alias_hit) : Ref{};
+    return alias_hit ? PyTuple_Pack(4, most_first.get(), text.get(), outcome.get(), alias_hit.get())
+                     : nullptr;
+}
+
+/// The key of the general sort of (name, record) pairs: `(-record.error_count, -record.call_count)`.
+PyObject* rank_of_pair(PyObject* /*module*/, PyObject* pair)
+{
+    std::array<Ref, 2> parts;
+    if (!cpython::unpack(pair, parts)) {
+        return nullptr;
+    }
+    PyObject* const state = parts[1].get();
+    const Ref errors = attr(state, names::error_count);
+    const Ref most_errors = errors ? Ref::steal(PyNumber_Negative(errors.get())) : Ref{};
+    const Ref calls = most_errors ? attr(state, names::call_count) : Ref{};
+    const Ref most_calls = calls ? Ref::steal(PyNumber_Negative(calls.get())) : Ref{};
+    return most_calls ? PyTuple_Pack(2, most_errors.get(), most_calls.get()) : nullptr;
+}
+
+PyMethodDef rank_of_row_definition{"rank", rank_of_row, METH_O, nullptr};
+PyMethodDef rank_of_pair_definition{"rank", rank_of_pair, METH_O, nullptr};
+
+/// The row of one usage key; asks the host whether such a call is slow by nature.
+Ref make_row(const Scope& scope, PyObject* tool_name, const UsageKey& key, PyObject* usage)
+{
+    const auto& [tool, action, outcome, alias_hit] = key;
+    const Ref calls = originals(scope).usage.get(usage, usage_record::calls);
+    const Ref avg_ms = calls ? mean_ms(scope, usage) : Ref{};
+    const Ref predicate = avg_ms ? scope.global(names::is_slow_call) : Ref{};
+    const Ref slow = predicate ? cpython::call(predicate.get(), tool_name, action.get()) : Ref{};
+    if (!slow) {
+        return {};
+    }
+    return originals(scope).usage_row.make(
+        {action.get(), outcome.get(), alias_hit.get(), calls.get(), avg_ms.get(), slow.get()});
+}
+
+/// The rows in order, most calls first.
+Ref sorted_rows(Ref rows)
+{
+    const auto count = static_cast<std::size_t>(PyList_GET_SIZE(rows.get()));
+    if (count == 0) {
+        return rows;
+    }
+    Scratch<RowRank> ranks{count};
+    if (!ranks) {
+        return {};
+    }
+    bool all_plain = true;
+    for (std::size_t i = 0; all_plain && i < count; ++i) {
+        all_plain = ranks[i].read(PyList_GET_ITEM(rows.get(), static_cast<Py_ssize_t>(i)), i);
+    }
+    if (!all_plain) {
+        return cpython::sort_by(rows.get(), names::sort, names::key, rank_of_row_definition) ? std::move(rows)
+                                                                                             : Ref{};
+    }
+    std::ranges::sort(ranks, &RowRank::precedes);
+    Ref ordered = Ref::steal(PyList_New(static_cast<Py_ssize_t>(count)));
+    for (std::size_t i = 0; ordered && i < count; ++i) {
+        PyList_SET_ITEM(ordered.get(), static_cast<Py_ssize_t>(i), ranks[i].row.release());
+    }
+    return ordered;
+}
+
+/// The summary record of one tool; its rows come last, from `make_usage`.
+template <class MakeUsage>
+Ref make_record(const Scope& scope, PyObject* name, PyObject* state, MakeUsage make_usage)
+{
+    const ToolStateClass& records = originals(scope).tool_state;
+    const Ref calls = records.get(state, tool_state::call_count);
+    const Ref errors = calls ? records.get(state, tool_state::error_count) : Ref{};
+    const Ref last_error = errors ? records.get(state, tool_state::last_error) : Ref{};
+    const Ref disabled_at = last_error ? records.get(state, tool_state::disabled_at) : Ref{};
+    if (!disabled_at) {
+        return {};
+    }
+    const bool disabled = disabled_at.get() != Py_None;
+    const Ref disabled_since = records.get(state, tool_state::disabled_at);
+    const Ref disabled_text = disabled_since ? call_sqlite_time(scope, disabled_since.get()) : Ref{};
+    const Ref updated_at = disabled_text ? records.get(state, tool_state::updated_at) : Ref{};
+    const Ref updated_text = updated_at ? call_sqlite_time(scope, updated_at.get()) : Ref{};
+    const Ref usage = updated_text ? make_usage() : Ref{};
+    return usage ? originals(scope).summary_record.make({name, calls.get(), errors.get(), last_error.get(),
+                                                         disabled ? Py_True : Py_False, disabled_text.get(),
+                                                         updated_text.get(), usage.get()})
+                 : Ref{};
+}
+
+/// A tool's record, or a default one that is for this summary only.
+Ref state_or_default(const Scope& scope, PyObject* states, PyObject* name)
+{
+    Ref state;
+    if (cpython::get_from(states, name, names::get, state) != Answer::no) {
+        return state;
+    }
+    const Ref type = scope.global(names::tool_state);
+    return type ? originals(scope).tool_state.make(type.get()) : Ref{};
+}
+
+/// Adds what `iterable` gives to the keys of a dictionary, in order; `part` picks from each item, or takes it whole.
+template <class Part>
+bool add_names(const Ref& names, PyObject* iterable, Part part)
+{
+    const Ref items = Ref::steal(PyObject_GetIter(iterable));
+    if (!items) {
+        return false;
+    }
+    while (const Ref item = Ref::steal(PyIter_Next(items.get()))) {
+        const Ref name = part(item);
+        if (!name || PyDict_SetDefaultRef(names.get(), name.get(), Py_None, nullptr) < 0) {
+            return false;
+        }
+    }
+    return PyErr_Occurred() == nullptr;
+}
+
+/// The names of all tools, each at its first place: those with a record, then those with usage counts only.
+Ref tool_names(const Tracker& tracker)
+{
+    const Ref names = Ref::steal(PyDict_New());
+    const Ref first = names ? Ref::steal(PyLong_FromLong(0)) : Ref{};
+    const Ref states = first ? tracker.get(tracker_field::state) : Ref{};
+    if (!states || !add_names(names, states.get(), [](const Ref& name) { return name.copy(); })) {
+        return {};
+    }
+    const Ref usage = tracker.get(tracker_field::usage);
+    const bool added = usage && add_names(names, usage.get(), [&](const Ref& key) {
+                           return cpython::item(key.get(), first.get());
+                       });
+    return added ? Ref::steal(PyDict_Keys(names.get())) : Ref{};
+}
+
+/// The pairs of name and record, ranked.
+Ref ranked_pairs(const Scope& scope, const Tracker& tracker)
+{
+    const Ref listed = tool_names(tracker);
+    Ref pairs = listed ? Ref::steal(PyList_New(0)) : Ref{};
+    if (!pairs) {
+        return {};
+    }
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(listed.get()); ++i) {
+        const Ref name = Ref::borrow(PyList_GET_ITEM(listed.get(), i));
+        const Ref states = tracker.get(tracker_field::state);
+        const Ref state = states ? state_or_default(scope, states.get(), name.get()) : Ref{};
+        if (!state || !append(pairs, Ref::steal(PyTuple_Pack(2, name.get(), state.get())))) {
+            return {};
+        }
+    }
+    return cpython::sort_by(pairs.get(), names::sort, names::key, rank_of_pair_definition) ? std::move(pairs)
+                                                                                           : Ref{};
+}
+
+/// The summary for maps and keys of any kind, one walk of the usage map per tool.
+Ref summarise_any(const Scope& scope, const Tracker& tracker)
+{
+    const Ref pairs = ranked_pairs(scope, tracker);
+    Ref summary = pairs ? Ref::steal(PyList_New(0)) : Ref{};
+    for (Py_ssize_t i = 0; summary && i < PyList_GET_SIZE(pairs.get()); ++i) {
+        const Ref pair = Ref::borrow(PyList_GET_ITEM(pairs.get(), i));
+        PyObject* const name = PyTuple_GET_ITEM(pair.get(), 0);
+        const auto rows = [&] { return cpython::call_method(tracker.self(), names::usage_rows, name); };
+        if (!append(summary, make_record(scope, name, PyTuple_GET_ITEM(pair.get(), 1), rows))) {
+            return {};
+        }
+    }
+    return summary;
+}
+
+/// The summary over plain maps: dictionaries whose keys and counts are what the tracker puts there.
+class GroupedSummary {
+public:
+    GroupedSummary(const Scope& scope, const Tracker& tracker, Ref states, Ref usage)
+        : scope_{scope}, tracker_{tracker}, states_{std::move(states)}, usage_{std::move(usage)},
+          usage_size_{PyDict_GET_SIZE(usage_.get())}, index_{Ref::steal(PyDict_New())},
+          tools_{static_cast<std::size_t>(PyDict_GET_SIZE(states_.get()) + usage_size_)},
+          entries_{static_cast<std::size_t>(usage_size_)}
+    {
+    }
+
+    /// Lists, groups and ranks. No when something is not plain; nothing foreign has run then, and nothing has changed.
+    Answer prepare()
+    {
+        if (!index_ || !tools_ || !entries_) {
+            return Answer::failed;
+        }
+        Answer listed = list_states();
+        listed = listed == Answer::yes ? list_usage() : listed;
+        listed = listed == Answer::yes ? rank() : listed;
+        return listed;
+    }
+
+    /// The records, the worst first.
+    Ref build()
+    {
+        Ref summary = Ref::steal(PyList_New(0));
+        for (std::size_t i = 0; summary && i < tool_count_; ++i) {
+            const Tool& tool = tools_[i];
+            if (!append(summary, make_record(scope_, tool.name.get(), tool.state.get(),
+                                             [&] { return usage_of(tool); }))) {
+                return {};
+            }
+        }
+        return summary;
+    }
+
+private:
+    /// The place of a tool by name, which is listed if it is new; null for a failure.
+    Tool* tool_named(PyObject* name)
+    {
+        const Ref next = Ref::steal(PyLong_FromSize_t(tool_count_));
+        Ref place;
+        if (!next || PyDict_SetDefaultRef(index_.get(), name, next.get(), place.out()) < 0) {
+            return nullptr;
+        }
+        const std::size_t at = PyLong_AsSize_t(place.get());
+        if (at == tool_count_) {
+            tools_[at].name = Ref::borrow(name);
+            tools_[at].place = at;
+            ++tool_count_;
+        }
+        return &tools_[at];
+    }
+
+    Answer list_states()
+    {
+        Py_ssize_t position = 0;
+        PyObject* name = nullptr;
+        PyObject* state = nullptr;
+        while (PyDict_Next(states_.get(), &position, &name, &state) != 0) {
+            if (!PyUnicode_CheckExact(name) || state == Py_None) {
+                return Answer::no;
+            }
+            Tool* const tool = tool_named(name);
+            if (tool == nullptr) {
+                return Answer::failed;
+            }
+            tool->state = Ref::borrow(state);
+        }
+        return Answer::yes;
+    }
+
+    Answer list_usage()
+    {
+        Py_ssize_t position = 0;
+        Py_ssize_t next_position = 0;
+        PyObject* key = nullptr;
+        PyObject* usage = nullptr;
+        for (Py_ssize_t at = 0; PyDict_Next(usage_.get(), &next_position, &key, &usage) != 0; ++at) {
+            if (!PyTuple_CheckExact(key) || PyTuple_GET_SIZE(key) != static_cast<Py_ssize_t>(key_parts) ||
+                !PyUnicode_CheckExact(PyTuple_GET_ITEM(key, 0))) {
+                return Answer::no;
+            }
+            Tool* const tool = tool_named(PyTuple_GET_ITEM(key, 0));
+            if (tool == nullptr) {
+                return Answer::failed;
+            }
+            Entry& entry = entries_[static_cast<std::size_t>(at)];
+            entry.key = Ref::borrow(key);
+            entry.position = position;
+            (tool->last_entry == no_entry ? tool->first_entry
+                                          : entries_[static_cast<std::size_t>(tool->last_entry)].next) = at;
+            tool->last_entry = at;
+            position = next_position;
+        }
+        return Answer::yes;
+    }
+
+    Answer rank()
+    {
+        const ToolStateClass& records = originals(scope_).tool_state;
+        for (Tool& tool : tools_.first(tool_count_)) {
+            if (!tool.state) {
+                const Ref type = scope_.global(names::tool_state);
+                if (!type || !records.is_original(type.get())) {
+                    PyErr_Clear();  // raised again, in its place, by the general way
+                    return Answer::no;
+                }
+                tool.state = records.make(type.get());
+                if (!tool.state) {
+                    return Answer::failed;
+                }
+            }
+            if (!records.is_plain(tool.state.get()) ||
+                !as_number(records.get(tool.state.get(), tool_state::error_count).get(), tool.errors) ||
+                !as_number(records.get(tool.state.get(), tool_state::call_count).get(), tool.calls)) {
+                return Answer::no;
+            }
+        }
+        std::ranges::sort(tools_.first(tool_count_), &Tool::precedes);
+        return Answer::yes;
+    }
+
+    /// `self._usage_rows(name)`, from the grouped entries as long as neither the method nor the map is another.
+    Ref usage_of(const Tool& tool)
+    {
+        const Ref method = attr(tracker_.self(), names::usage_rows);
+        if (!method) {
+            return {};
+        }
+        const bool own = PyMethod_Check(method.get()) && PyMethod_GET_SELF(method.get()) == tracker_.self() &&
+                         scope_.owns(PyMethod_GET_FUNCTION(method.get()), cpython::enter<usage_rows, 2, 0>);
+        const Ref usage = own ? tracker_.get(tracker_field::usage) : Ref{};
+        if (own && !usage) {
+            return {};
+        }
+        if (!own || usage.get() != usage_.get() || PyDict_GET_SIZE(usage.get()) != usage_size_) {
+            return cpython::call(method.get(), tool.name.get());
+        }
+        return grouped_rows(tool);
+    }
+
+    Ref grouped_rows(const Tool& tool)
+    {
+        Ref rows = Ref::steal(PyList_New(0));
+        for (Py_ssize_t at = tool.first_entry; rows && at != no_entry;) {
+            const Entry& entry = entries_[static_cast<std::size_t>(at)];
+            Py_ssize_t position = entry.position;
+            PyObject* key = nullptr;
+            PyObject* usage = nullptr;
+            if (PyDict_Next(usage_.get(), &position, &key, &usage) == 0 || key != entry.key.get()) {
+                PyErr_SetString(PyExc_RuntimeError, "dictionary keys changed during iteration");
+                return {};
+            }
+            const Ref held = Ref::borrow(usage);
+            UsageKey parts;
+            if (!cpython::unpack(entry.key.get(), parts) ||
+                !append(rows, make_row(scope_, tool.name.get(), parts, held.get()))) {
+                return {};
+            }
+            if (PyDict_GET_SIZE(usage_.get()) != usage_size_) {
+                PyErr_SetString(PyExc_RuntimeError, "dictionary changed size during iteration");
+                return {};
+            }
+            at = entry.next;
+        }
+        return rows ? sorted_rows(std::move(rows)) : Ref{};
+    }
+
+    const Scope& scope_;
+    const Tracker& tracker_;
+    Ref states_;
+    Ref usage_;
+    Py_ssize_t usage_size_;
+    Ref index_;  // tool name to its place among the tools
+    Scratch<Tool> tools_;
+    std::size_t tool_count_ = 0;
+    Scratch<Entry> entries_;
+};
+
+/// The summary, under the lock.
+Ref summarise(const Scope& scope, const Tracker& tracker)
+{
+    Ref states = tracker.get(tracker_field::state);
+    Ref usage = states ? tracker.get(tracker_field::usage) : Ref{};
+    if (!usage) {
+        return {};
+    }
+    if (PyDict_CheckExact(states.get()) && PyDict_CheckExact(usage.get())) {
+        GroupedSummary grouped{scope, tracker, std::move(states), std::move(usage)};
+        switch (grouped.prepare()) {
+        case Answer::yes:
+            return grouped.build();
+        case Answer::failed:
+            return {};
+        case Answer::no:
+            break;
+        }
+    }
+    return summarise_any(scope, tracker);
+}
+
+}  // namespace
+
+Ref usage_rows(const Scope& scope, PyObject* const* arguments)
+{
+    PyObject* const tool_name = arguments[1];
+    const Ref usage = attr(arguments[0], names::usage);
+    const Ref items = usage ? cpython::call_method(usage.get(), names::items) : Ref{};
+    const Ref entries = items ? Ref::steal(PyObject_GetIter(items.get())) : Ref{};
+    Ref rows = entries ? Ref::steal(PyList_New(0)) : Ref{};
+    if (!rows) {
+        return {};
+    }
+    while (const Ref entry = Ref::steal(PyIter_Next(entries.get()))) {
+        std::array<Ref, 2> pair;
+        UsageKey key;
+        const bool unpacked = cpython::unpack(entry.get(), pair) && cpython::unpack(pair[0].get(), key);
+        const Answer asked = unpacked ? cpython::compare(key[0].get(), tool_name, Py_EQ) : Answer::failed;
+        if (asked == Answer::failed ||
+            (asked == Answer::yes && !append(rows, make_row(scope, tool_name, key, pair[1].get())))) {
+            return {};
+        }
+    }
+    return PyErr_Occurred() == nullptr ? sorted_rows(std::move(rows)) : Ref{};
+}
+
+Ref get_health_summary(const Scope& scope, PyObject* const* arguments)
+{
+    Ref summary;
+    const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
+        summary = summarise(scope, tracker);
+        return static_cast<bool>(summary);
+    });
+    return result_of(left, std::move(summary));
+}
+
+}  // namespace health
