@@ -1,0 +1,17 @@
+"""The ``status`` tool."""
+
+from typing import Any
+
+from .health import ToolHealthTracker, thread_census_report
+
+THREAD_BUDGET = 2
+"""The main thread and the one that saves: this host has no pools."""
+
+
+def status(tracker: ToolHealthTracker) -> dict[str, Any]:
+    """Every tool's health, the worst first, and the threads. Reads /proc, so it may block."""
+    return {
+        "perf_stats": tracker.get_health_summary(),
+        "has_unsaved_changes": tracker.has_unsaved_changes,
+        "threads": thread_census_report(THREAD_BUDGET),
+    }

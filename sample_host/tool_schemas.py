@@ -1,0 +1,116 @@
+"""What the tools take: input schemas, the synonyms that agents use, and which calls are slow by nature."""
+
+from dataclasses import dataclass
+from reprlib import repr as short_repr  # what an agent sent may be a megabyte long
+from typing import Any
+
+from .tool_registry import TOOLS
+
+
+class BadArguments(Exception):
+    """The agent's mistake, worded for the agent. Never a failure of the tool."""
+
+
+@dataclass(frozen=True)
+class ResolvedCall:
+    """A call in the tool's own words, every parameter present and valid."""
+
+    parameters: dict[str, Any]
+    alias_hit: bool
+    """Whether a parameter or the action was named by a synonym."""
+
+    @property
+    def action(self) -> str | None:
+        return self.parameters.get("action")
+
+
+def _input_schema(required: tuple[str, ...] = (), **properties: dict[str, Any]) -> dict[str, Any]:
+    rules = {"required": list(required), "additionalProperties": False}
+    return {"type": "object", "properties": properties, **rules}
+
+
+def _text(description: str, max_length: int) -> dict[str, Any]:
+    return {"type": "string", "description": description, "maxLength": max_length}
+
+
+def _count(description: str, maximum: int, default: int) -> dict[str, Any]:
+    limits = {"minimum": 1, "maximum": maximum, "default": default}
+    return {"type": "integer", "description": description, **limits}
+
+
+# JSON Schema for the agents. `resolve_call` enforces just the keywords that stand here.
+INPUT_SCHEMAS: dict[str, dict[str, Any]] = {
+    "search": _input_schema(
+        ("action", "pattern"),
+        action={"type": "string", "enum": [action.name for action in TOOLS["search"].actions]},
+        pattern=_text("A Python regular expression (text) or a glob (files).", max_length=1000),
+        max_results=_count("Lines or files to answer with at most.", maximum=500, default=50),
+    ),
+    "read_file": _input_schema(
+        ("path",),
+        path=_text("The file's path within the repository.", max_length=1000),
+        start_line=_count("First line to read, counted from 1.", maximum=10_000_000, default=1),
+        max_lines=_count("Lines to read at most.", maximum=2000, default=500),
+    ),
+    "status": _input_schema(),
+    "get_tool_performance_stats": _input_schema(),
+}
+
+PARAMETER_SYNONYMS = {
+    **{"query": "pattern", "regex": "pattern", "glob": "pattern"},
+    **{"file": "path", "file_path": "path", "filename": "path"},
+    **{"mode": "action", "limit": "max_results", "offset": "start_line"},
+}
+
+ACTION_SYNONYMS = {
+    "search": {"grep": "text", "regex": "text", "content": "text", "glob": "files", "find": "files"},
+}
+
+
+def is_slow_call(tool: str, action: str | None) -> bool:
+    """Whether a call of that tool and action is slow by nature. Memory only."""
+    spec = TOOLS.get(tool)
+    found = spec.action(action) if spec is not None and action is not None else None
+    return found is not None and found.slow
+
+
+def resolve_call(tool: str, arguments: dict[str, Any]) -> ResolvedCall:
+    """An agent's arguments for a registered tool: synonyms replaced, defaults filled in, all of it checked.
+
+    Raises BadArguments, which tells the agent what to send instead. Memory only.
+    """
+    schema = INPUT_SCHEMAS[tool]
+    properties = schema["properties"]
+    given: dict[str, Any] = {}
+    alias_hit = False
+    for name, value in arguments.items():
+        parameter = name if name in properties else PARAMETER_SYNONYMS.get(name, name)
+        if parameter not in properties:
+            takes = ", ".join(properties) or "no parameters"
+            raise BadArguments(f"{tool} has no parameter {short_repr(name)}; it takes {takes}.")
+        if parameter in given:
+            raise BadArguments(f"{parameter} is given twice.")
+        alias_hit |= parameter != name
+        if parameter == "action" and isinstance(value, str):
+            action = ACTION_SYNONYMS.get(tool, {}).get(value, value)
+            alias_hit |= action != value
+            value = action
+        _check(parameter, value, properties[parameter])
+        given[parameter] = value
+    for parameter in schema["required"]:
+        if parameter not in given:
+            raise BadArguments(f"{tool} needs {parameter}.")
+    defaults = {name: rule["default"] for name, rule in properties.items() if "default" in rule}
+    return ResolvedCall(defaults | given, alias_hit)
+
+
+def _check(parameter: str, value: Any, rule: dict[str, Any]) -> None:
+    expected = {"string": str, "integer": int}[rule["type"]]
+    if type(value) is not expected:  # so that true is no integer
+        raise BadArguments(f"{parameter} must be of type {rule['type']}, not {short_repr(value)}.")
+    if "enum" in rule and value not in rule["enum"]:
+        raise BadArguments(f"{parameter} must be one of {', '.join(rule['enum'])}, not {short_repr(value)}.")
+    if "maximum" in rule and not rule["minimum"] <= value <= rule["maximum"]:
+        raise BadArguments(f"{parameter} must be from {rule['minimum']} to {rule['maximum']}.")
+    if "maxLength" in rule and len(value) > rule["maxLength"]:
+        raise BadArguments(f"{parameter} may be at most {rule['maxLength']} characters long.")

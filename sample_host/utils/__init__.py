@@ -1,0 +1,1 @@
+"""Services that know nothing of tools."""
