@@ -1,0 +1,296 @@
+"""The cost of every operation beside plain Python, both measured interleaved in one process.
+
+    script/bench [--quick] [--json FILE] [--svg FILE]
+
+Every figure is the median over paired rounds; the ratio is the median of the rounds' own ratios. What a round times is
+a loop as a host would write it, loop included. The file names of the modules come in HEALTH_MODULE and FLOOR_MODULE.
+"""
+
+import argparse
+import gc
+import importlib.util
+import json
+import os
+import platform
+import statistics
+import sys
+import threading
+import time
+import timeit
+import tracemalloc
+from pathlib import Path
+from types import SimpleNamespace
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
+
+from bench.plot import draw  # noqa: E402  (the checkout has to be importable first)
+from tests.hosts import PLAIN, Host, ThreadCensus, Tool, typed  # noqa: E402
+
+ACTIONS = 5
+SUMMARY_SIZES = [(20, 3), (200, 10), (1000, 5)]
+GROWTH = [(500, 5), (5000, 5)]
+
+
+class NullDatabase:
+    """A repository's database that does nothing, or answers with a stored history."""
+
+    def __init__(self, rows=(), document=None):
+        self.rows, self.document = rows, document
+
+    def fetchall(self, sql):
+        return self.rows
+
+    def fetchone(self, sql, params):
+        return self.document and (self.document,)
+
+    def execute(self, sql, params):
+        self.document = params[1]
+
+    def executemany(self, sql, rows):
+        self.rows = rows
+
+
+class TimedLock:
+    """A lock that adds up how long it was held, in nanoseconds."""
+
+    def __init__(self):
+        self.held = 0
+
+    def __enter__(self):
+        self.since = time.perf_counter_ns()
+
+    def __exit__(self, *error):
+        self.held += time.perf_counter_ns() - self.since
+
+
+class Side:
+    """One of the two implementations in a host of its own."""
+
+    def __init__(self, name, implementation):
+        self.host = Host(name, implementation)
+        self.health = self.host.health
+        self.health.TOOLS = {f"tool{i}": Tool(tuple(f"action{j}" for j in range(ACTIONS * 2))) for i in range(5000)}
+        self.host.timings[:] = [
+            {"name": f"tool{i}", "count": i, "avg_ms": 1.5, "p95_ms": 2.5, "min_ms": 0.5, "max_ms": 9.5, "errors": 0}
+            for i in range(20)
+        ]
+
+    def tracker(self, db=None):
+        return self.health.ToolHealthTracker(SimpleNamespace(db=db or NullDatabase()))
+
+    def filled(self, tools, keys, db=None):
+        """A tracker that has seen so many tools with so many usage keys each."""
+        tracker = self.tracker(db)
+        for i in range(tools):
+            tracker.record_error(f"tool{i}", "it broke") if i % 3 == 0 else tracker.record_success(f"tool{i}")
+            for j in range(keys):
+                tracker.record_call(f"tool{i}", f"action{j}", "ok", alias_hit=False, duration_ms=1.25 * j + i)
+        return tracker
+
+    def busy(self):
+        """A tracker with a healthy and a disabled tool, and one known usage key."""
+        tracker = self.tracker()
+        tracker.record_success("healthy")
+        for _ in range(3):
+            tracker.record_error("failing", "it broke")
+        tracker.record_call("healthy", "text", "ok", alias_hit=False, duration_ms=2.0)
+        return tracker
+
+
+def seconds(statement, number, **names):
+    return timeit.Timer(statement, globals=names).timeit(number) / number
+
+
+def paired(plain, module, rounds):
+    """Medians of two measuring functions called in turn, and the median of the ratios."""
+    plain(), module()  # warm up
+    pairs = [(plain(), module()) for _ in range(rounds)]
+    ratio = statistics.median(slow / fast for slow, fast in pairs)
+    return statistics.median(p for p, _ in pairs), statistics.median(m for _, m in pairs), ratio
+
+
+def in_threads(tracker, number, count=4):
+    """Seconds per call while `count` threads ask and report at once."""
+    def work():
+        barrier.wait()
+        for _ in range(number):
+            tracker.is_disabled("healthy")
+
+    barrier = threading.Barrier(count + 1)
+    threads = [threading.Thread(target=work) for _ in range(count)]
+    for thread in threads:
+        thread.start()
+    barrier.wait()
+    start = time.perf_counter()
+    for thread in threads:
+        thread.join()
+    return (time.perf_counter() - start) / (number * count)
+
+
+def held_by_flush(side):
+    """How long a flush of 1,000 rows and 5,000 usage entries holds the lock."""
+    tracker = side.filled(1000, ACTIONS)
+    tracker._lock = lock = TimedLock()
+    tracker.flush()
+    return lock.held / 1e9
+
+
+def flush_seconds(side):
+    tracker = side.filled(1000, ACTIONS)
+    start = time.perf_counter()
+    tracker.flush()
+    return time.perf_counter() - start
+
+
+def memory_of(side):
+    gc.collect()
+    tracemalloc.start()
+    tracker = side.filled(1000, ACTIONS)
+    size, _ = tracemalloc.get_traced_memory()
+    tracemalloc.stop()
+    del tracker
+    return size
+
+
+def check_equal(sides):
+    """Both implementations give the same answers to the same calls."""
+    answers = []
+    for side in sides:
+        db = NullDatabase()
+        side.health.time = SimpleNamespace(time=lambda: 1_700_000_000.75)
+        tracker = side.busy()
+        filled = side.filled(30, ACTIONS, db)
+        answers.append(typed([
+            tracker.is_disabled("healthy"), tracker.is_disabled("failing"), tracker.is_disabled("unknown"),
+            tracker.has_unsaved_changes, filled.get_health_summary(), filled.flush(), filled.has_unsaved_changes,
+            db.rows, db.document, side.tracker(NullDatabase(db.rows, db.document)).get_health_summary(),
+            side.health.thread_census_report(1), side.health.handle_get_tool_performance_stats(),
+        ]))
+        side.health.time = time
+    if answers[0] != answers[1]:
+        raise SystemExit(f"the two implementations differ:\n{answers[0]}\n{answers[1]}")
+
+
+class Bench:
+    def __init__(self, sides, floor, quick):
+        self.plain, self.module = sides
+        self.floor, self.quick = floor, quick
+        self.rows = []
+
+    def rounds(self, count):
+        return 3 if self.quick else count
+
+    def add(self, name, plain, module, rounds, unit=1e9):
+        row = name, *paired(plain, module, self.rounds(rounds))
+        self.rows.append(row)
+        scale, label = (1e9, "ns") if unit == 1e9 else (1e3, "ms")
+        print(f"{name:44} {row[1] * scale:10.1f} {row[2] * scale:10.1f} {label}  {row[3]:6.2f}", flush=True)
+        return row
+
+    def calls(self):
+        number = 2_000 if self.quick else 50_000
+        trackers = self.plain.busy(), self.module.busy()
+        for name, statement in {
+            "is_disabled, healthy tool": "tracker.is_disabled('healthy')",
+            "is_disabled, unknown tool": "tracker.is_disabled('unknown')",
+            "is_disabled, disabled tool": "tracker.is_disabled('failing')",
+            "record_success": "tracker.record_success('healthy')",
+            "record_error": "tracker.record_error('failing', 'it broke')",
+            "record_call, known key, timed": "tracker.record_call('healthy', 'text', 'ok', alias_hit=False, duration_ms=2.0)",
+            "has_unsaved_changes": "tracker.has_unsaved_changes",
+        }.items():
+            self.add(name, *(lambda t=t: seconds(statement, number, tracker=t) for t in trackers), 25)
+        for name, statement in {
+            "thread_census_report": "report(100, census)",
+            "handle_get_tool_performance_stats, 20 tools": "stats()",
+        }.items():
+            census = ThreadCensus(90, 12, {"MainThread": 1, "pool": 11})
+            runs = (lambda h=s.health: seconds(statement, number // 10, report=h.thread_census_report, census=census,
+                                               stats=h.handle_get_tool_performance_stats)
+                    for s in (self.plain, self.module))
+            self.add(name, *runs, 25)
+        self.floors(trackers[1], number)
+        self.convoy(trackers, number // 10)
+
+    def floors(self, tracker, number):
+        """The module beside an empty operation and one that only locks, interleaved as well."""
+        floor_class = type("Floor", (), {"empty": self.floor.empty, "lock_only": self.floor.lock_only})
+        floor = floor_class()
+        floor._lock = threading.Lock()
+        healthy = lambda: seconds("tracker.is_disabled('healthy')", number, tracker=tracker)  # noqa: E731
+        for name, statement in (("empty operation", "floor.empty('healthy')"),
+                                ("lock-only operation", "floor.lock_only('healthy')")):
+            one, base, ratio = paired(healthy, lambda: seconds(statement, number, floor=floor), self.rounds(25))
+            print(f"{'floor: ' + name:44} {'':10} {base * 1e9:10.1f} ns  is_disabled (healthy) is {ratio:.2f} of it")
+            self.rows.append((f"floor: {name}", None, base, ratio))
+
+    def convoy(self, trackers, number):
+        for label, tracker in zip(("plain Python", "module"), trackers):
+            many, one, ratio = paired(lambda: in_threads(tracker, number), lambda: in_threads(tracker, number, 1),
+                                      self.rounds(9))
+            print(f"{'four threads, ' + label:44} {many * 1e9:10.1f} {one * 1e9:10.1f} ns  {ratio:6.2f} of one thread's")
+            self.rows.append((f"four threads, {label}", many, one, ratio))
+
+    def summaries(self):
+        """Returns (tools, plain seconds, module seconds) for the plot."""
+        points = []
+        for tools, keys in [(20, 3)] if self.quick else SUMMARY_SIZES:
+            number = max(1, 400 // tools)
+            runs = (lambda t=s.filled(tools, keys): seconds("t.get_health_summary()", number, t=t)
+                    for s in (self.plain, self.module))
+            _, slow, fast, _ = self.add(f"get_health_summary, {tools} tools x {keys} keys", *runs,
+                                        5 if tools > 200 else 15, 1e3)
+            points.append((tools, slow, fast))
+        small, large = (self.module.filled(*((size[0] // 10, size[1]) if self.quick else size)) for size in GROWTH)
+        at_ten, at_one, growth = paired(lambda: seconds("t.get_health_summary()", 1, t=large),
+                                        lambda: seconds("t.get_health_summary()", 1, t=small), self.rounds(9))
+        print(f"{'get_health_summary, 5,000 x 5 beside 500 x 5':44} {at_ten * 1e3:10.1f} {at_one * 1e3:10.1f} ms "
+              f" {growth:6.2f} times the time")
+        return points + [(GROWTH[1][0], None, at_ten)]
+
+    def history(self):
+        sides = self.plain, self.module
+        self.add("flush, 1,000 rows and 5,000 entries", *(lambda s=s: flush_seconds(s) for s in sides), 15, 1e3)
+        self.add("  of that with the lock held", *(lambda s=s: held_by_flush(s) for s in sides), 15, 1e3)
+        source = NullDatabase()
+        self.plain.filled(1000, ACTIONS, source).flush()
+        stored = NullDatabase(source.rows, source.document)
+        self.add("construction from that history", *(lambda s=s: seconds("f(db)", 1, f=s.tracker, db=stored) for s in sides),
+                 15, 1e3)
+
+    def memory(self):
+        plain, module = memory_of(self.plain), memory_of(self.module)
+        print(f"{'memory, 1,000 tools and 5,000 keys':44} {plain / 1024:10.0f} {module / 1024:10.0f} KiB {plain / module:6.2f}")
+        self.rows.append(("memory, KiB", plain / 1024, module / 1024, plain / module))
+
+
+def load_floor():
+    spec = importlib.util.spec_from_file_location("floor", os.environ["FLOOR_MODULE"])
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--quick", action="store_true", help="few rounds: the check that both sides agree, mostly")
+    parser.add_argument("--json", type=Path, help="write the figures to this file")
+    parser.add_argument("--svg", type=Path, help="draw the picture into this file")
+    options = parser.parse_args()
+    sides = Side("plainhost", PLAIN), Side("modulehost", None)
+    check_equal(sides)
+    print(f"{platform.python_implementation()} {platform.python_version()}, {os.cpu_count()} x {platform.machine()}\n")
+    print(f"{'per call':44} {'plain':>10} {'module':>10}      ratio")
+    bench = Bench(sides, load_floor(), options.quick)
+    bench.calls()
+    points = bench.summaries()
+    bench.history()
+    bench.memory()
+    if options.json:
+        options.json.write_text(json.dumps({"rows": bench.rows, "summary": points}, indent=1))
+    if options.svg:
+        draw(options.svg, bench.rows, points)
+
+
+if __name__ == "__main__":
+    main()

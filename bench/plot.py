@@ -1,0 +1,2 @@
+def draw(path, rows, points):
+    pass

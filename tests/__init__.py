@@ -1,0 +1,15 @@
+import faulthandler
+import unittest
+
+from . import hosts
+
+faulthandler.dump_traceback_later(900, exit=True)  # a dead-lock fails, and shows where it is
+
+
+class HealthCase(unittest.TestCase):
+    """A host package of its own for each test, its module on a scripted clock."""
+
+    def setUp(self):
+        self.host = self.enterContext(hosts.Host())
+        self.health = self.host.health
+        self.clock = self.health.time = hosts.Clock()

@@ -1,0 +1,192 @@
+"""Throw-away host packages, each with its own copy of the module under test, and the services around it.
+
+Needs nothing but the standard library and no test framework: child processes and the benchmark use it too.
+"""
+
+import dataclasses
+import functools
+import importlib.util
+import itertools
+import logging
+import os
+import sqlite3
+import sys
+import types
+from pathlib import Path
+
+MODULE = os.environ.get("HEALTH_MODULE", "")  # the file of the module under test
+PLAIN = str(Path(__file__).resolve().parent.parent / "bench" / "plain.py")
+
+SCHEMA = """
+    CREATE TABLE IF NOT EXISTS tool_health (
+        tool_name TEXT PRIMARY KEY, call_count INTEGER, error_count INTEGER, last_error TEXT,
+        disabled_at TEXT, updated_at TEXT);
+    CREATE TABLE IF NOT EXISTS schema_info (key TEXT PRIMARY KEY, value TEXT);
+"""
+
+
+ToolsConfig = dataclasses.make_dataclass(
+    "ToolsConfig", [("disable_after_errors", int, 3), ("disable_cooldown_s", float, 60.0)])
+ThreadCensus = dataclasses.make_dataclass("ThreadCensus", ["os_threads", "python_total", "python_threads"])
+
+
+class Tool(frozenset):
+    """A registry entry, the set of its actions; an action's name may be empty."""
+
+    def action(self, name):
+        return name if name in self else None
+
+
+class Clock:
+    """Stands in for the module's ``time``: readings answer ``now``, or raise it."""
+
+    def __init__(self, now=1_700_000_000.0):
+        self.now, self.reads = now, 0
+
+    def time(self):
+        self.reads += 1
+        if isinstance(self.now, BaseException):
+            raise self.now
+        return self.now
+
+
+class LockHeld(BaseException):
+    """The tracker waited for its database with its lock held. No handler of ``Exception`` swallows it."""
+
+
+class Database:
+    """SQLite behind the methods that a tracker calls; ``calls`` keeps every call in order.
+
+    ``answers`` says by method what a call does: an exception is raised, a callable is called, and anything
+    else is the result. The call whose number is ``fail_at``, counted from 1, raises sqlite3.OperationalError.
+    """
+
+    def __init__(self, path=":memory:"):
+        self.connection = sqlite3.connect(path, isolation_level=None, check_same_thread=False)
+        self.connection.executescript(SCHEMA)
+        self.calls, self.fail_at, self.tracker = [], None, None
+        run = self.connection.execute
+        self.answers = {"fetchall": lambda sql: run(sql).fetchall(), "execute": run,
+                        "fetchone": lambda sql, params: run(sql, params).fetchone(),
+                        "executemany": self.connection.executemany}
+
+    def __getattr__(self, method):
+        return functools.partial(self._call, method)
+
+    def _call(self, method, *args):
+        if self.tracker and self.tracker._lock.locked():
+            raise LockHeld(method)
+        self.calls.append((method, *args))
+        if len(self.calls) == self.fail_at:
+            raise sqlite3.OperationalError("injected")
+        answer = self.answers[method]
+        if isinstance(answer, BaseException):
+            raise answer
+        return answer(*args) if callable(answer) else answer
+
+
+class Host(logging.Handler):
+    """A host package in sys.modules, and in ``health`` its copy of the module, until the ``with`` block ends.
+
+    ``warnings`` collects what the module logs, as (format, arguments).
+    """
+
+    def __init__(self, name="host", implementation=None, load=True):
+        super().__init__()
+        self.implementation = implementation or MODULE
+        self.full_name = f"{name}.tool_handlers.health"
+        self.added, self.databases, self.warnings, self.timings = [], [], [], []
+        tools = {"a": Tool(("text", "")), "b": Tool(("text", "é")), "c": Tool()}
+        census = functools.partial(ThreadCensus, 7, 3, {"MainThread": 1, "pool": 2})
+        collector = types.SimpleNamespace(get_all_stats=lambda: self.timings)
+        outer = itertools.accumulate(name.split("."), "{}.{}".format)
+        for package in (*outer, f"{name}.utils", f"{name}.tool_handlers"):
+            self.add(package, __path__=[])
+        self.add(f"{name}.config", ToolsConfig=ToolsConfig)
+        self.add(f"{name}.tool_registry", TOOLS=tools)
+        self.add(f"{name}.tool_schemas", is_slow_call=lambda tool, action: action == "text")
+        self.add(f"{name}.utils.process", ThreadCensus=ThreadCensus, thread_census=census)
+        self.add(f"{name}.utils.timing", get_timing_collector=lambda: collector)
+        if load:
+            self.health = self.load()
+
+    def add(self, name, **attributes):
+        if name not in sys.modules:  # else an outer package that another host brought
+            module = types.ModuleType(name)
+            vars(module).update(attributes)
+            self.bind(name, module)
+
+    def bind(self, name, module):
+        sys.modules[name] = module
+        self.added.append(name)
+        parent, _, child = name.rpartition(".")
+        if parent:
+            setattr(sys.modules[parent], child, module)
+
+    def load(self):
+        """Import the module the way the import machinery does; a second time gives a second copy."""
+        if not self.implementation:
+            raise RuntimeError("HEALTH_MODULE does not name the built module")
+        spec = importlib.util.spec_from_file_location(self.full_name, self.implementation)
+        module = importlib.util.module_from_spec(spec)
+        self.bind(self.full_name, module)
+        spec.loader.exec_module(module)
+        module.logger.propagate, module.logger.handlers = False, [self]
+        return module
+
+    def emit(self, record):
+        self.warnings.append((record.msg, record.args))
+
+    def database(self, path=":memory:"):
+        self.databases.append(Database(path))
+        return self.databases[-1]
+
+    def tracker(self, db=None, limits=None, cls=None):
+        """A tracker whose database knows it before the history is read, and so can watch its lock."""
+        db = db or self.database()
+        cls = cls or self.health.ToolHealthTracker
+        db.tracker = tracker = cls.__new__(cls)
+        tracker.__init__(types.SimpleNamespace(db=db), limits)
+        return tracker
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for db in self.databases:
+            db.connection.close()
+        for name in reversed(self.added):
+            sys.modules.pop(name, None)
+            logging.Logger.manager.loggerDict.pop(name, None)
+            parent, _, child = name.rpartition(".")
+            if parent in sys.modules:
+                vars(sys.modules[parent]).pop(child, None)
+
+
+def typed(value):
+    """A value as plain data by which two copies of the module can be compared: 1, True and 1.0 differ."""
+    kind = type(value).__name__
+    if isinstance(value, dict):
+        return kind, [(typed(key), typed(item)) for key, item in value.items()]
+    if isinstance(value, (list, tuple)):
+        return kind, [typed(item) for item in value]
+    if isinstance(value, set):
+        return kind, sorted(repr(typed(item)) for item in value)
+    if dataclasses.is_dataclass(value) and not isinstance(value, type):
+        fields = [field.name for field in dataclasses.fields(value)]
+        return kind, [(name, typed(getattr(value, name, "absent"))) for name in fields]
+    return kind, repr(value)
+
+
+def outcome(function, *args, **kwargs):
+    """What a call comes to: its typed result, or the kind and text of what it raises."""
+    try:
+        return typed(function(*args, **kwargs))
+    except BaseException as error:
+        return "raised", type(error).__name__, str(error)
+
+
+def state_of(tracker):
+    """The four guarded fields of a tracker as plain data, and whether its lock is held."""
+    names = ("_state", "_dirty", "_usage", "_usage_dirty")
+    return [typed(getattr(tracker, name, "absent")) for name in names], tracker._lock.locked()
