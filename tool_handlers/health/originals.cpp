@@ -94,25 +94,25 @@ bool keep_constants(Originals& originals)
            originals.saved_entry.set_keys({names::tool, names::action, names::outcome, names::alias_hit,
                                            names::calls, names::timed_calls, names::total_ms}) &&
            originals.tool_stats.set_keys({names::name, names::count, names::avg_ms, names::p95_ms,
-                                          names::min_ms, names::max_ms, names::errors}) &&
-           originals.census_report.set_keys(
-               {names::os, names::python, names::python_by_name, names::budget}) &&
-           originals.census_report_without_os.set_keys({names::python, names::python_by_name, names::budget});
+                                          names::min_ms, names::max_ms, names::errors});
 }
 
 Ref now(const Scope& scope)
 {
-    const Ref time = scope.global(names::time);
+    Originals& kept = originals(scope);
+    Ref time = kept.time_module.find(scope.globals(), names::time);
+    if (!time) {
+        time = scope.global(names::time);
+    }
     if (!time) {
         return {};
     }
-    // The attribute of a plain module is an entry of its dictionary; calling the clock itself spares the call.
-    Ref clock;
-    if (PyModule_CheckExact(time.get())) {
-        PyDict_GetItemRef(PyModule_GetDict(time.get()), names::time, clock.out());
-    }
+    // The attribute of a plain module is an entry of its dictionary; reading the clock here spares the call.
+    const Ref clock = PyModule_CheckExact(time.get())
+                          ? kept.time_function.find(PyModule_GetDict(time.get()), names::time)
+                          : Ref{};
     PyTime_t reading = 0;
-    if (clock && clock.get() == originals(scope).clock.get() && PyTime_TimeRaw(&reading) == 0) {
+    if (clock && clock.get() == kept.clock.get() && PyTime_TimeRaw(&reading) == 0) {
         return Ref::steal(PyFloat_FromDouble(PyTime_AsSecondsDouble(reading)));
     }
     return cpython::call_method(time.get(), names::time);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "cpython/containers.hpp"
+#include "cpython/entry_hint.hpp"
 #include "cpython/lock.hpp"
 #include "records.hpp"
 
@@ -38,14 +39,14 @@ struct Originals {
     UsageClass usage;
     TrackerClass tracker;
     cpython::LockClass lock;
-    Ref clock;    // the interpreter's own `time.time`; null if that was replaced before the import
-    Ref enabled;  // (False, None), the answer about a tool that is not disabled
+    Ref clock;  // the interpreter's own `time.time`; null if that was replaced before the import
+    cpython::EntryHint time_module;    // in the module's namespace
+    cpython::EntryHint time_function;  // in the namespace of `time`
+    Ref enabled;                       // (False, None), the answer about a tool that is not disabled
     cpython::DictShape<8> summary_record;
     cpython::DictShape<6> usage_row;
     cpython::DictShape<7> saved_entry;
     cpython::DictShape<7> tool_stats;
-    cpython::DictShape<4> census_report;
-    cpython::DictShape<3> census_report_without_os;
 };
 
 inline Originals& originals(const Scope& scope) { return scope.kept<Originals>(); }

@@ -66,8 +66,7 @@ public:
     [[nodiscard]] bool set(PyObject* record, const Field& field, PyObject* value) const
     {
         if (known_.is_class_of(record)) {
-            const Ref old = Ref::steal(std::exchange(slot(record, field.index), Py_NewRef(value)));
-            return true;
+            return cpython::replace(slot(record, field.index), Ref::borrow(value));
         }
         return cpython::set_attr(record, field.name, value);
     }
@@ -83,8 +82,15 @@ public:
     /// `record.field += 1`
     [[nodiscard]] bool add_one(PyObject* record, const Field& field) const
     {
+        if (known_.is_class_of(record)) {
+            PyObject*& place = slot(record, field.index);
+            if (place != nullptr && cpython::is_small_int(place)) {
+                return cpython::replace(place, cpython::successor_of_small(place));
+            }
+        }
         const Ref old = get(record, field);
-        const Ref sum = old ? cpython::in_place_successor(old.get()) : Ref{};
+        const Ref sum =
+            old ? Ref::steal(PyNumber_InPlaceAdd(old.get(), Py_GetConstantBorrowed(Py_CONSTANT_ONE))) : Ref{};
         return sum && set(record, field, sum.get());
     }
 

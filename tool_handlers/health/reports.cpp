@@ -88,15 +88,14 @@ Ref thread_census_report(const Scope& scope, PyObject* const* arguments)
     const Ref python_total = os_threads ? attr(census.get(), names::python_total) : Ref{};
     const Ref python_threads = python_total ? attr(census.get(), names::python_threads) : Ref{};
     const Ref by_name = python_threads ? dict_of(python_threads.get()) : Ref{};
-    if (!by_name) {
+    Ref report = by_name ? Ref::steal(PyDict_New()) : Ref{};
+    if (!report) {
         return {};
     }
     const bool from_os = os_threads.get() != Py_None;
-    Ref report =
-        from_os ? originals(scope).census_report.make(
-                      {os_threads.get(), python_total.get(), by_name.get(), budget})
-                : originals(scope).census_report_without_os.make({python_total.get(), by_name.get(), budget});
-    if (!report) {
+    if ((from_os && !put(report, names::os, os_threads.get())) ||
+        !put(report, names::python, python_total.get()) ||
+        !put(report, names::python_by_name, by_name.get()) || !put(report, names::budget, budget)) {
         return {};
     }
     PyObject* const counted = from_os ? os_threads.get() : python_total.get();

@@ -23,32 +23,24 @@ inline constexpr Field usage_dirty{6, names::usage_dirty};
 inline constexpr std::size_t key_parts = 4;
 using UsageKey = std::array<Ref, key_parts>;  // tool, action or None, outcome, alias hit
 
-/// A tracker as its operations see it.
+/// A tracker as its operations see it. Nothing of it is kept here: every access reads the object as it is now.
 class Tracker {
 public:
-    Tracker(const Scope& scope, PyObject* self) : self_{self}
-    {
-        if (originals(scope).tracker.has_plain_fields(scope, self)) {
-            fields_ = Ref::steal(PyObject_GenericGetDict(self, nullptr));
-            if (!fields_) {
-                PyErr_Clear();  // no dictionary for want of memory: the general way needs none
-            }
-        }
-    }
+    Tracker(const Scope& scope, PyObject* self) : scope_{scope}, self_{self} {}
 
     [[nodiscard]] PyObject* self() const { return self_; }
 
     /// `self.field`
     [[nodiscard]] Ref get(const Field& field) const
     {
-        if (fields_) {
-            // The constructor's order is where a field usually is; a look-up by position needs no hashing.
-            auto position = static_cast<Py_ssize_t>(field.index);
-            PyObject* name = nullptr;
-            PyObject* value = nullptr;
-            if (PyDict_Next(fields_.get(), &position, &name, &value) != 0 && name == field.name) {
-                return Ref::borrow(value);
+        if (originals(scope_).tracker.has_plain_fields(scope_, self_)) {
+            // The constructor's order is where a field usually is.
+            const Ref fields = Ref::steal(PyObject_GenericGetDict(self_, nullptr));
+            const cpython::EntryHint hint{static_cast<Py_ssize_t>(field.index)};
+            if (Ref value = fields ? hint.look(fields.get(), field.name) : Ref{}) {
+                return value;
             }
+            PyErr_Clear();  // no dictionary for want of memory: the general way needs none
         }
         return cpython::attr(self_, field.name);
     }
@@ -57,21 +49,18 @@ public:
     [[nodiscard]] bool mark_usage(bool value) const
     {
         PyObject* const mark = value ? Py_True : Py_False;
-        if (fields_) {
-            const Ref marked = get(tracker_field::usage_dirty);
-            if (marked.get() == mark) {
+        if (originals(scope_).tracker.has_plain_fields(scope_, self_)) {
+            if (get(tracker_field::usage_dirty).get() == mark) {
                 return true;
             }
-            if (!marked) {
-                PyErr_Clear();  // deleted by somebody: it is set anew
-            }
+            PyErr_Clear();  // deleted by somebody: it is set anew
         }
         return cpython::set_attr(self_, names::usage_dirty, mark);
     }
 
 private:
+    const Scope& scope_;
     PyObject* self_;
-    Ref fields_;  // the instance's dictionary, where its fields can be read there
 };
 
 // Construction and settings

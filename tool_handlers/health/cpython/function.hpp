@@ -37,6 +37,9 @@ public:
     /// False when the function's code is not ours: somebody has assigned `__code__`.
     explicit operator bool() const { return static_cast<bool>(keepsake_); }
 
+    /// The module's namespace, borrowed.
+    [[nodiscard]] PyObject* globals() const { return function_->func_globals; }
+
     /// A global name: the namespace first, then the builtins, else NameError.
     [[nodiscard]] Ref global(PyObject* name) const;
 

@@ -58,6 +58,16 @@ private:
     PyObject* object_ = nullptr;
 };
 
+/// Puts a new value, unless it is null, into a place that owns its reference; the old value is dropped last.
+[[nodiscard]] inline bool replace(PyObject*& place, Ref&& value)
+{
+    if (!value) {
+        return false;
+    }
+    const Ref old = Ref::steal(std::exchange(place, value.release()));
+    return true;
+}
+
 inline Ref none() { return Ref::borrow(Py_None); }
 inline Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
 
