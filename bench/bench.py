@@ -110,7 +110,7 @@ def paired(plain, module, rounds):
 
 
 def in_threads(tracker, number, count=4):
-    """Seconds per call while `count` threads ask and report at once, for many times the interpreter's switch interval."""
+    """Seconds per call while so many threads ask and report at once, over many switch intervals."""
     def work():
         barrier.wait()
         for _ in range(number):
@@ -197,7 +197,8 @@ class Bench:
             "is_disabled, disabled tool": "tracker.is_disabled('failing')",
             "record_success": "tracker.record_success('healthy')",
             "record_error": "tracker.record_error('failing', 'it broke')",
-            "record_call, known key, timed": "tracker.record_call('healthy', 'text', 'ok', alias_hit=False, duration_ms=2.0)",
+            "record_call, known key, timed":
+                "tracker.record_call('healthy', 'text', 'ok', alias_hit=False, duration_ms=2.0)",
             "has_unsaved_changes": "tracker.has_unsaved_changes",
         }.items():
             self.add(name, *(lambda t=t: seconds(statement, number, tracker=t) for t in trackers), 25)
@@ -211,7 +212,8 @@ class Bench:
                                                stats=h.handle_get_tool_performance_stats)
                     for s in (self.plain, self.module))
             self.add(name, *runs, 25)
-        self.floors(trackers[1], number)
+        if self.floor:
+            self.floors(trackers[1], number)
         self.convoy(trackers, number)
 
     def floors(self, tracker, number):
@@ -230,7 +232,8 @@ class Bench:
         for label, tracker in zip(("plain Python", "module"), trackers):
             many, one, ratio = paired(lambda: in_threads(tracker, number), lambda: in_threads(tracker, number, 1),
                                       self.rounds(9))
-            print(f"{'four threads, ' + label:44} {many * 1e9:10.1f} {one * 1e9:10.1f} ns  {ratio:6.2f} of one thread's")
+            print(f"{'four threads, ' + label:44} {many * 1e9:10.1f} {one * 1e9:10.1f} ns  {ratio:6.2f} "
+                  "of one thread's")
             self.rows.append((f"four threads, {label}", many, one, ratio))
 
     def summaries(self):
@@ -260,16 +263,20 @@ class Bench:
         source = NullDatabase()
         self.plain.filled(1000, ACTIONS, source).flush()
         stored = NullDatabase(source.rows, source.document)
-        self.add("construction from that history", *(lambda s=s: seconds("f(db)", 1, f=s.tracker, db=stored) for s in sides),
-                 15, 1e3)
+        self.add("construction from that history",
+                 *(lambda s=s: seconds("f(db)", 1, f=s.tracker, db=stored) for s in sides), 15, 1e3)
 
     def memory(self):
         plain, module = memory_of(self.plain), memory_of(self.module)
-        print(f"{'memory, 1,000 tools and 5,000 keys':44} {plain / 1024:10.0f} {module / 1024:10.0f} KiB {plain / module:6.2f}")
+        print(f"{'memory, 1,000 tools and 5,000 keys':44} {plain / 1024:10.0f} {module / 1024:10.0f} KiB "
+              f"{plain / module:6.2f}")
         self.rows.append(("memory, KiB", plain / 1024, module / 1024, plain / module))
 
 
 def load_floor():
+    """The floor module, which only a release build has; None otherwise."""
+    if "FLOOR_MODULE" not in os.environ:
+        return None
     spec = importlib.util.spec_from_file_location("floor", os.environ["FLOOR_MODULE"])
     module = importlib.util.module_from_spec(spec)
     spec.loader.exec_module(module)

@@ -60,5 +60,6 @@ def draw(path, rows, points):
              _text(20, below - 20, "get_health_summary as tools grow, 5 usage keys a tool", size=16),
              *_summary(points, below, height)]
     total = below + height + 50
-    path.write_text(f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{total}" font-family="sans-serif">'
+    size = f'width="{WIDTH}" height="{total}"'
+    path.write_text(f'<svg xmlns="http://www.w3.org/2000/svg" {size} font-family="sans-serif">'
                     f'<rect width="100%" height="100%" fill="white"/>{"".join(parts)}</svg>\n')

@@ -59,7 +59,7 @@ private:
 };
 
 /// Puts a new value, unless it is null, into a place that owns its reference; the old value is dropped last.
-[[nodiscard]] inline bool replace(PyObject*& place, Ref&& value)
+[[nodiscard]] inline bool replace(PyObject*& place, Ref value)
 {
     if (!value) {
         return false;
