@@ -1,10 +1,13 @@
 #include "originals.hpp"
 
+#include "cpython/special.hpp"
 #include "tracker.hpp"
 
 #include <cstring>
 
 namespace health {
+
+using cpython::Answer;
 
 namespace {
 
@@ -12,29 +15,30 @@ constexpr std::array tracker_fields{&tracker_field::repo,       &tracker_field::
                                     &tracker_field::state,      &tracker_field::dirty,  &tracker_field::usage,
                                     &tracker_field::usage_dirty};
 
-/// What the class or a base of it has under the name, as it lies there; null for nothing.
-Ref class_attribute(PyTypeObject* type, PyObject* name)
+/// Whether `cooldown_s` of the class is a property whose getter is the module's own.
+Answer has_own_cooldown_property(const Scope& scope, PyTypeObject* type)
 {
-    const Ref mro = Ref::borrow(type->tp_mro);
-    Ref found;
-    for (Py_ssize_t i = 0; !found && i < PyTuple_GET_SIZE(mro.get()); ++i) {
-        const Ref space =
-            Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(PyTuple_GET_ITEM(mro.get(), i))));
-        if (!space || PyDict_GetItemRef(space.get(), name, found.out()) < 0) {
-            break;
-        }
+    Ref descriptor;
+    const Answer found = cpython::find_in_class(type, names::cooldown_s, descriptor);
+    if (found != Answer::yes || !Py_IS_TYPE(descriptor.get(), &PyProperty_Type)) {
+        return found == Answer::failed ? found : Answer::no;
     }
-    return found;
+    const Ref getter = cpython::attr(descriptor.get(), names::fget);
+    if (!getter) {
+        return Answer::failed;
+    }
+    return scope.owns(getter.get(), cpython::enter<cooldown_s, 1, 0>) ? Answer::yes : Answer::no;
 }
 
-/// Whether the object is a property whose getter is the module's own.
-bool is_own_cooldown(const Scope& scope, PyObject* descriptor)
+/// Whether the class, or a base of it, has an attribute that would stand before a field of the instance.
+Answer hides_a_field(PyTypeObject* type)
 {
-    if (descriptor == nullptr || !Py_IS_TYPE(descriptor, &PyProperty_Type)) {
-        return false;
+    Ref ignored;
+    Answer hidden = Answer::no;
+    for (std::size_t i = 0; hidden == Answer::no && i < tracker_fields.size(); ++i) {
+        hidden = cpython::find_in_class(type, tracker_fields[i]->name, ignored);
     }
-    const Ref getter = cpython::attr(descriptor, names::fget);
-    return getter && scope.owns(getter.get(), cpython::enter<cooldown_s, 1, 0>);
+    return hidden;
 }
 
 /// The function `time.time` of the interpreter, if that is what the module `time` holds: a C function of that module.
@@ -65,17 +69,17 @@ bool TrackerClass::learn(const Scope& scope, PyTypeObject* type)
         !PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT)) {
         return false;
     }
-    for (const Field* field : tracker_fields) {
-        if (class_attribute(type, field->name)) {
-            return false;
-        }
-    }
-    own_cooldown_ = is_own_cooldown(scope, class_attribute(type, names::cooldown_s).get());
-    if (PyErr_Occurred() != nullptr) {
-        PyErr_Clear();
+    const Answer hidden = hides_a_field(type);
+    if (hidden == Answer::yes) {
         return false;
     }
     other_.forget();
+    const Answer own_cooldown = hidden == Answer::no ? has_own_cooldown_property(scope, type) : hidden;
+    if (own_cooldown == Answer::failed) {
+        PyErr_Clear();  // for want of memory: the next operation looks again
+        return false;
+    }
+    own_cooldown_ = own_cooldown == Answer::yes;
     plain_.remember(type);
     return plain_.is(reinterpret_cast<PyObject*>(type));
 }

@@ -1,10 +1,16 @@
 #include "lock.hpp"
 
+#include "names.hpp"
 #include "special.hpp"
 
 namespace cpython {
 
 namespace {
+
+namespace names {
+Name enter{"__enter__"};
+Name exit{"__exit__"};
+}  // namespace names
 
 /// The C function behind a method of a builtin class, if it takes its arguments as `flags` say.
 PyCFunction method_of(PyTypeObject* type, const char* name, int flags)
@@ -42,7 +48,7 @@ bool HeldLock::enter_any(PyObject* lock)
     static constexpr const char* unsupported =
         "'%.200s' object does not support the context manager protocol%s";
     Ref enter;
-    switch (special(lock, "__enter__", enter)) {
+    switch (special(lock, names::enter, enter)) {
     case Answer::failed:
         return false;
     case Answer::no:
@@ -51,7 +57,7 @@ bool HeldLock::enter_any(PyObject* lock)
     case Answer::yes:
         break;
     }
-    switch (special(lock, "__exit__", exit_)) {
+    switch (special(lock, names::exit, exit_)) {
     case Answer::failed:
         return false;
     case Answer::no:

@@ -1,28 +1,36 @@
-// Special methods as statements find them: on the class, never on the instance.
+// What a class says, past its instances: where statements look for special methods, and short cuts for surprises.
 #pragma once
 
 #include "call.hpp"
 
 namespace cpython {
 
-/// `type(object).name` bound to the object, in `method`; no when the class has none.
-inline Answer special(PyObject* object, const char* name, Ref& method)
+/// What the class, or a base of it, has under the name, as it lies there, unbound.
+inline Answer find_in_class(PyTypeObject* type, PyObject* name, Ref& found)
 {
-    PyTypeObject* type = Py_TYPE(object);
     const Ref mro = Ref::borrow(type->tp_mro);
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(mro.get()); ++i) {
-        const Ref space =
-            Ref::steal(PyType_GetDict(reinterpret_cast<PyTypeObject*>(PyTuple_GET_ITEM(mro.get(), i))));
-        const int found = space ? PyDict_GetItemStringRef(space.get(), name, method.out()) : 0;
-        if (found != 0) {
-            descrgetfunc bind = found > 0 ? Py_TYPE(method.get())->tp_descr_get : nullptr;
-            if (bind != nullptr) {
-                method = Ref::steal(bind(method.get(), object, reinterpret_cast<PyObject*>(type)));
-            }
-            return method ? Answer::yes : Answer::failed;
+        auto* const base = reinterpret_cast<PyTypeObject*>(PyTuple_GET_ITEM(mro.get(), i));
+        const Ref space = Ref::steal(PyType_GetDict(base));
+        const int status = space ? PyDict_GetItemRef(space.get(), name, found.out()) : -1;
+        if (status != 0) {
+            return answer(status);
         }
     }
     return Answer::no;
+}
+
+/// The special method bound to the object, as a statement gets it; no when its class has none.
+inline Answer special(PyObject* object, PyObject* name, Ref& method)
+{
+    PyTypeObject* const type = Py_TYPE(object);
+    const Answer found = find_in_class(type, name, method);
+    descrgetfunc bind = found == Answer::yes ? Py_TYPE(method.get())->tp_descr_get : nullptr;
+    if (bind == nullptr) {
+        return found;
+    }
+    method = Ref::steal(bind(method.get(), object, reinterpret_cast<PyObject*>(type)));
+    return method ? Answer::yes : Answer::failed;
 }
 
 }  // namespace cpython
