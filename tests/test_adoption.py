@@ -23,33 +23,37 @@ STUB = ROOT / "tool_handlers" / "health" / "health.pyi"
 # Runs after the code of docs/integration.md, and sees that it does what the text says.
 CHECKS = """
 from myhost.tool_handlers import health
-assert health.logger.name == "myhost.tool_handlers.health", health.logger
-assert Path(health.__file__).parent == Path("myhost".replace(".", "/"), "tool_handlers").resolve(), health.__file__
+assert health.logger.name == health.__name__ == "myhost.tool_handlers.health", health
+assert Path(health.__file__).parents[1] == Path("myhost".replace(".", "/")).resolve(), health
 def fails(): raise OSError("gone: \\udc80")
-def confused(): raise BadArguments("no such pattern")
+def confused(): raise BadArguments
 def nested(): return recovery.call_tool("search", "text", int)[0]
 def ask(*runs): return [recovery.call_tool("search", "text", run) for run in runs]
-seen = [outcome for outcome, _ in ask(fails, fails, confused, fails, confused)]
-assert seen == ["failed", "failed", "bad_arguments", "failed", "refused"], seen
-assert tracker.flush() == 1 + 4, "the row of one tool and four usage counts"
-tracker = asyncio.run(start())
-recovery = Recovery()
-((outcome, told),) = ask(nested)
-assert outcome == "refused" and told.endswith("OSError: gone: ?"), told
-settings.disable_cooldown_s = 0
-seen = [ask(run)[0] for run in (fails, nested, nested)]
-assert seen[0][0] == "failed" and seen[1:] == [("ok", "refused"), ("ok", "ok")], seen
+def comes_back():
+    settings.disable_cooldown_s = 0
+    seen = ask(fails, nested, nested)
+    assert seen[0][0] == "failed" and seen[1:] == [("ok", "refused"), ("ok", "ok")], seen
+    settings.disable_cooldown_s = 60
+to_the_end = fails, fails, int, fails, fails, confused, fails, confused
+seen = " ".join(outcome for outcome, _ in ask(*to_the_end))
+assert seen == "failed failed ok failed failed bad_arguments failed refused", seen
+assert tracker.flush() == 1 + 5, "the row of one tool and five usage counts"
+comes_back()
+ask(*to_the_end), tracker.flush()
+tracker = asyncio.run(start()); recovery = Recovery()
+assert ask(int)[0][1].endswith("OSError: gone: ?"), ask(int)
+comes_back()
 """
 
 
 def facts(value):
     """What a stub tells of a value."""
     if isinstance(value, property):
-        return "property", facts(value.fget), value.fset
+        return facts(value.fget), value.fset
     if inspect.isfunction(value):
         return str(inspect.signature(value)), value.__annotations__, inspect.cleandoc(value.__doc__ or "")
     if isinstance(value, type) and value.__module__.endswith(".health"):
-        members = [(name, facts(member)) for name, member in vars(value).items() if hasattr(member, "__get__")]
+        members = [(name, facts(it)) for name, it in vars(value).items() if isinstance(it, (type(facts), property))]
         fields = dataclasses.fields(value) if dataclasses.is_dataclass(value) else ()
         return inspect.getdoc(value), members, [(field.name, field.type, field.default) for field in fields]
     return value
@@ -79,11 +83,10 @@ class Adoption(unittest.TestCase):
     def test_help(self):
         with hosts.Host() as host:
             health, shown = host.health, pydoc.render_doc(host.health, renderer=pydoc.plaintext)
-        members = [member for name, member in vars(health.ToolHealthTracker).items() if name[0] != "_"]
         functions = health.ToolHealthTracker, health.handle_get_tool_performance_stats, health.thread_census_report
-        for documented in (health, *functions, *members):
-            for line in inspect.getdoc(documented).splitlines():
-                self.assertIn(line, shown)
+        members = [member for name, member in vars(health.ToolHealthTracker).items() if name[0] != "_"]
+        for line in "\n".join(map(inspect.getdoc, (health, *functions, *members))).splitlines():
+            self.assertIn(line, shown)
 
     def install(self, package):
         """A directory with a host package, the sample host's sources, that the module is installed into."""
@@ -91,35 +94,33 @@ class Adoption(unittest.TestCase):
         host = base.joinpath(*package.split("."))
         shutil.copytree(ROOT / "sample_host", host, ignore=shutil.ignore_patterns("health.*", "__pycache__"))
         before = set(host.rglob("*"))
-        self.assertTrue((MODULE.parent / "cmake_install.cmake").exists(), f"{MODULE} is in no build directory")
-        subprocess.run(["cmake", "--install", MODULE.parent, "--prefix", host], check=True, capture_output=True,
-                       env=os.environ | {"LD_PRELOAD": "", "DESTDIR": ""})
+        self.execute("cmake", "--install", MODULE.parent, "--prefix", host, env={"LD_PRELOAD": "", "DESTDIR": ""})
         installed = {host / "tool_handlers" / name for name in (MODULE.name, STUB.name)}
         self.assertEqual(set(host.rglob("*")) - before, installed)
         return base
 
-    def code(self, document, language):
-        blocks = re.findall(rf"^```{language}\n(.*?)^```", (ROOT / document).read_text(), re.MULTILINE | re.DOTALL)
-        self.assertTrue(blocks)
-        return "\n".join(blocks)
-
-    def python(self, base, *arguments, **options):
-        done = subprocess.run([sys.executable, "-W", "error", *arguments], cwd=base, capture_output=True, text=True,
-                              timeout=120, **options)
+    def execute(self, *command, env=(), **options):
+        env = os.environ | dict(env)
+        done = subprocess.run(command, capture_output=True, text=True, timeout=120, env=env, **options)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         return done.stdout
+
+    def code(self, document, language):
+        blocks = re.findall(rf"^```{language}\n(.*?)^```", (ROOT / document).read_text(), re.MULTILINE | re.DOTALL)
+        return "\n".join(blocks) or self.fail(f"no {language} in {document}")
 
     def test_code_of_the_documents(self):
         for document, checks in (("README.md", ""), ("docs/integration.md", CHECKS)):
             for package in ("myhost", "org.team.host"):
                 with self.subTest(document, package=package):
                     code = self.code(document, "python") + checks
-                    self.python(self.install(package), "-c", code.replace("myhost", package))
+                    program = [sys.executable, "-W", "error", "-c", code.replace("myhost", package)]
+                    self.execute(*program, cwd=self.install(package))
 
     def test_configuration_of_a_client(self):
         base = self.install("checkout.sample_host")
         (base / "sources").mkdir()
         (server,) = json.loads(self.code("README.md", "json").replace("/path/to", str(base)))["mcpServers"].values()
         asked = json.dumps({"jsonrpc": "2.0", "id": 1, "method": "tools/list"})
-        answer = json.loads(self.python(base, *server["args"], input=asked, env=os.environ | server["env"]))
-        self.assertIn("search", [tool["name"] for tool in answer["result"]["tools"]])
+        answer = self.execute(sys.executable, *server["args"], env=server["env"], input=asked)
+        self.assertIn("search", [tool["name"] for tool in json.loads(answer)["result"]["tools"]])

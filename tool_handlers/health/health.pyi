@@ -58,13 +58,14 @@ _UsageKey = tuple[str, str | None, str, bool]
 def _sqlite_time(epoch: float | None) -> str | None:
     """Epoch seconds as the stored timestamp text, in UTC without the fraction; None for None.
 
-    Raises what datetime raises for a time outside the years 1 to 9999.
+    Raises what datetime raises for a time outside the years 1 to 9999 (ValueError,
+    OverflowError). Callable from any thread.
     """
 
 def _epoch(text: str | None) -> float | None:
     """The epoch seconds of a stored timestamp; None if absent or unreadable.
 
-    Raises TypeError for a true value that is not text.
+    Raises TypeError for a true value that is not text. Callable from any thread.
     """
 
 @dataclass(slots=True)
@@ -107,7 +108,9 @@ class ToolHealthTracker:
     report record_success or record_error, and record_call, after it. Those touch memory only.
     flush, from a thread that may wait, writes what changed when has_unsaved_changes says so.
 
-    Every method may be called from any thread.
+    Every method may be called from any thread, and the properties limits and cooldown_s take no
+    lock and answer with what the settings say now. One lock guards a tracker; what the host lets it
+    call meanwhile (the settings, the registry, is_slow_call) must not call back into it.
     """
 
     _repo: Repository
@@ -126,15 +129,12 @@ class ToolHealthTracker:
 
         A history that cannot be read is logged as a warning and left out. What is raised: an error
         of ToolsConfig() or of the registry, and the error of a stored row that holds no counts or
-        times (ValueError, TypeError).
+        times (ValueError, TypeError, OverflowError).
         """
 
     @property
     def limits(self) -> ToolsConfig:
-        """The tools settings the tracker was made with.
-
-        The same object at every read. Takes no lock; callable from any thread.
-        """
+        """The tools settings the tracker was made with."""
 
     def _load(self) -> None:
         """Seed the tools' health from the table, and delete the rows of tools that are gone (blocking).
@@ -158,16 +158,18 @@ class ToolHealthTracker:
 
         action is what the call ran, None for a tool without actions; outcome says how it ended;
         alias_hit, whether it named a parameter or an action by a synonym; duration_ms is how long
-        the handler ran, in milliseconds, None for a call whose handler did not answer.
+        the handler ran, in milliseconds, None for a call whose handler did not answer. Every new
+        combination of the first four is kept for ever, so they must be the host's own names.
 
-        Touches memory only and never waits for the database; callable from any thread.
+        Touches memory only and never waits for the database; callable from any thread. Raises
+        nothing for arguments of these types.
         """
 
     def record_success(self, tool_name: str) -> None:
         """Record a successful call of a tool.
 
         It ends the tool's run of errors, and a disablement at once. Touches memory only and never
-        waits for the database; callable from any thread.
+        waits for the database; callable from any thread. Raises nothing for a text.
         """
 
     def record_error(self, tool_name: str, error: str) -> None:
@@ -175,15 +177,12 @@ class ToolHealthTracker:
 
         The first 500 characters of error are kept. The tool is disabled, from now on, when its run
         of errors reaches the setting disable_after_errors. Touches memory only and never waits for
-        the database; callable from any thread.
+        the database; callable from any thread. Raises only what reading the setting raises.
         """
 
     @property
     def cooldown_s(self) -> float:
-        """Seconds a disabled tool stays disabled.
-
-        The setting disable_cooldown_s as it stands now. Takes no lock; callable from any thread.
-        """
+        """Seconds a disabled tool stays disabled."""
 
     def is_disabled(self, tool_name: str) -> tuple[bool, str | None]:
         """Whether a tool is disabled, with its last error if so.
@@ -191,7 +190,7 @@ class ToolHealthTracker:
         (True, last error) means that the call is to be refused, else (False, None). The first
         question after the cooldown re-enables the tool and answers (False, None). An unknown tool
         is not disabled. Touches memory only and never waits for the database; callable from any
-        thread.
+        thread. Raises only what reading the setting disable_cooldown_s raises.
         """
 
     def get_health_summary(self) -> list[dict[str, Any]]:
@@ -208,7 +207,7 @@ class ToolHealthTracker:
         """A tool's usage counts as ``perf_stats`` shows them, most calls first (under the lock).
 
         avg_ms is the mean handler time in milliseconds, None without a timed call. The caller holds
-        the lock; this does not take it.
+        the lock; this does not take it. Raises what is_slow_call raises.
         """
 
     @property
@@ -221,9 +220,10 @@ class ToolHealthTracker:
     def flush(self) -> int:
         """Write what changed to the database, and return the number of rows written (blocking).
 
-        That is the changed tools, plus all usage entries when any usage count changed. The error of
-        a failed write is raised as it is, and what was to be written stays pending. Call it from a
-        thread that may wait, one flush at a time; recording goes on meanwhile.
+        That is the changed tools, plus all usage entries when any usage count changed. An Exception
+        of a write is raised as it is, and what was to be written stays pending; after anything else,
+        such as KeyboardInterrupt, it is written only once it changes again. Call it from a thread
+        that may wait, one flush at a time; recording goes on meanwhile.
         """
 
     def _flush_usage(self) -> int:
@@ -252,7 +252,8 @@ def thread_census_report(budget: int, census: ThreadCensus | None = None) -> dic
     """The process's threads for a status answer, measured against what its pools allow.
 
     budget is the most threads that the pools allow; census is a census taken already, None takes
-    one now (blocking: it asks the operating system). The warning is there only when the count
-    of the operating system, or Python's where that is missing, is above the budget. Callable
-    from any thread.
+    one now (blocking: it asks the operating system). A new dict: os (left out where the operating
+    system's count is missing), python, python_by_name, budget, and a warning only when the first
+    of the two counts that is there is above the budget. Callable from any thread; raises what
+    thread_census raises.
     """

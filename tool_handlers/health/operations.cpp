@@ -43,11 +43,9 @@ failing tool is disabled and for how long; None takes the defaults.
 
 A history that cannot be read is logged as a warning and left out. What is raised: an error
 of ToolsConfig() or of the registry, and the error of a stored row that holds no counts or
-times (ValueError, TypeError).)")},
+times (ValueError, TypeError, OverflowError).)")},
     Member{operation<limits, just_self>("limits", "ToolsConfig",
-                                        R"(The tools settings the tracker was made with.
-
-The same object at every read. Takes no lock; callable from any thread.)"),
+                                        R"(The tools settings the tracker was made with.)"),
            true},
     Member{operation<load, just_self>(
         "_load", "None",
@@ -66,33 +64,33 @@ and nothing of it is loaded; an error of the registry is raised.)")},
 
 action is what the call ran, None for a tool without actions; outcome says how it ended;
 alias_hit, whether it named a parameter or an action by a synonym; duration_ms is how long
-the handler ran, in milliseconds, None for a call whose handler did not answer.
+the handler ran, in milliseconds, None for a call whose handler did not answer. Every new
+combination of the first four is kept for ever, so they must be the host's own names.
 
-Touches memory only and never waits for the database; callable from any thread.)")},
+Touches memory only and never waits for the database; callable from any thread. Raises
+nothing for arguments of these types.)")},
     Member{operation<record_success, tool_parameters>("record_success", "None",
                                                       R"(Record a successful call of a tool.
 
 It ends the tool's run of errors, and a disablement at once. Touches memory only and never
-waits for the database; callable from any thread.)")},
+waits for the database; callable from any thread. Raises nothing for a text.)")},
     Member{operation<record_error, record_error_parameters>(
         "record_error", "None",
         R"(Record a failed call of a tool; it may disable the tool.
 
 The first 500 characters of error are kept. The tool is disabled, from now on, when its run
 of errors reaches the setting disable_after_errors. Touches memory only and never waits for
-the database; callable from any thread.)")},
-    Member{operation<cooldown_s, just_self>("cooldown_s", "float",
-                                            R"(Seconds a disabled tool stays disabled.
-
-The setting disable_cooldown_s as it stands now. Takes no lock; callable from any thread.)"),
-           true},
+the database; callable from any thread. Raises only what reading the setting raises.)")},
+    Member{
+        operation<cooldown_s, just_self>("cooldown_s", "float", R"(Seconds a disabled tool stays disabled.)"),
+        true},
     Member{operation<is_disabled, tool_parameters>("is_disabled", "tuple[bool, str | None]",
                                                    R"(Whether a tool is disabled, with its last error if so.
 
 (True, last error) means that the call is to be refused, else (False, None). The first
 question after the cooldown re-enables the tool and answers (False, None). An unknown tool
 is not disabled. Touches memory only and never waits for the database; callable from any
-thread.)")},
+thread. Raises only what reading the setting disable_cooldown_s raises.)")},
     Member{operation<get_health_summary, just_self>("get_health_summary", "list[dict[str, Any]]",
                                                     R"(Get health summary for all tracked tools.
 
@@ -106,7 +104,7 @@ Raises what is_slow_call raises, and the error of a time outside the years 1 to 
         R"(A tool's usage counts as ``perf_stats`` shows them, most calls first (under the lock).
 
 avg_ms is the mean handler time in milliseconds, None without a timed call. The caller holds
-the lock; this does not take it.)")},
+the lock; this does not take it. Raises what is_slow_call raises.)")},
     Member{operation<has_unsaved_changes, just_self>("has_unsaved_changes", "bool",
                                                      R"(Whether flush has anything to write.
 
@@ -116,9 +114,10 @@ Touches memory only and never waits for the database; callable from any thread.)
         "flush", "int",
         R"(Write what changed to the database, and return the number of rows written (blocking).
 
-That is the changed tools, plus all usage entries when any usage count changed. The error of
-a failed write is raised as it is, and what was to be written stays pending. Call it from a
-thread that may wait, one flush at a time; recording goes on meanwhile.)")},
+That is the changed tools, plus all usage entries when any usage count changed. An Exception
+of a write is raised as it is, and what was to be written stays pending; after anything else,
+such as KeyboardInterrupt, it is written only once it changes again. Call it from a thread
+that may wait, one flush at a time; recording goes on meanwhile.)")},
     Member{operation<flush_usage, just_self>("_flush_usage", "int",
                                              R"(Write the usage document when it changed (blocking).
 
@@ -137,13 +136,14 @@ constinit const cpython::Operation sqlite_time_operation = operation<sqlite_time
     "_sqlite_time", "str | None",
     R"(Epoch seconds as the stored timestamp text, in UTC without the fraction; None for None.
 
-Raises what datetime raises for a time outside the years 1 to 9999.)");
+Raises what datetime raises for a time outside the years 1 to 9999 (ValueError,
+OverflowError). Callable from any thread.)");
 
 constinit const cpython::Operation epoch_operation = operation<epoch, epoch_parameters>(
     "_epoch", "float | None",
     R"(The epoch seconds of a stored timestamp; None if absent or unreadable.
 
-Raises TypeError for a true value that is not text.)");
+Raises TypeError for a true value that is not text. Callable from any thread.)");
 
 constinit const cpython::Operation known_operation = operation<known, known_parameters>(
     "_known", "bool",
@@ -163,9 +163,10 @@ constinit const cpython::Operation census_report_operation =
         R"(The process's threads for a status answer, measured against what its pools allow.
 
 budget is the most threads that the pools allow; census is a census taken already, None takes
-one now (blocking: it asks the operating system). The warning is there only when the count
-of the operating system, or Python's where that is missing, is above the budget. Callable
-from any thread.)");
+one now (blocking: it asks the operating system). A new dict: os (left out where the operating
+system's count is missing), python, python_by_name, budget, and a warning only when the first
+of the two counts that is there is above the budget. Callable from any thread; raises what
+thread_census raises.)");
 
 constinit const std::span<const Member> tracker_members{members};
 
@@ -190,6 +191,8 @@ disable_cooldown_s seconds (a circuit breaker per tool). Ask is_disabled before 
 report record_success or record_error, and record_call, after it. Those touch memory only.
 flush, from a thread that may wait, writes what changed when has_unsaved_changes says so.
 
-Every method may be called from any thread.)";
+Every method may be called from any thread, and the properties limits and cooldown_s take no
+lock and answer with what the settings say now. One lock guards a tracker; what the host lets it
+call meanwhile (the settings, the registry, is_slow_call) must not call back into it.)";
 
 }  // namespace health
