@@ -1,8 +1,7 @@
 // Writing what changed: blocking, and nothing that blocks under the lock.
 //
 // Each writer takes its snapshot and clears the marks in one critical section, writes outside the lock, and puts the
-// marks back, in a second critical section, when the write fails. A snapshot that fails for want of memory has lost
-// nothing either.
+// marks back, in a second critical section, when the write fails.
 #include "cpython/containers.hpp"
 #include "stored_formats.hpp"
 #include "tracker.hpp"
@@ -18,14 +17,6 @@ using cpython::Left;
 namespace {
 
 constexpr Py_ssize_t copy_width = 4;  // references that a copy takes of every usage count
-
-/// `self._repo.db.name`
-Ref database_method(PyObject* self, PyObject* name)
-{
-    const Ref repository = attr(self, names::repo);
-    const Ref db = repository ? attr(repository.get(), names::db) : Ref{};
-    return db ? attr(db.get(), name) : Ref{};
-}
 
 /// What reading a variable raises that a `with` block was to set, had its error not been swallowed.
 void raise_unbound(const char* variable)
@@ -143,9 +134,10 @@ bool take_health(const Scope& scope, const Tracker& tracker, Ref& marked, Ref& r
 /// The upsert, eight lines.
 Ref upsert_statement(const Scope& scope)
 {
-    const Ref columns = scope.global(names::tool_health_columns);
+    Ref columns = scope.global(names::tool_health_columns);
+    columns = columns ? cpython::formatted(columns.get()) : Ref{};
     return columns ? Ref::steal(
-                         PyUnicode_FromFormat("INSERT INTO tool_health (%S)\n"
+                         PyUnicode_FromFormat("INSERT INTO tool_health (%U)\n"
                                               "                    VALUES (?, ?, ?, ?, ?, ?)\n"
                                               "                    ON CONFLICT(tool_name) DO UPDATE SET\n"
                                               "                        call_count = excluded.call_count,\n"

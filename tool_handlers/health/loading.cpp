@@ -11,20 +11,12 @@ namespace health {
 
 using cpython::Answer;
 using cpython::append;
-using cpython::attr;
 using cpython::call_method;
 
 namespace {
 
 constexpr std::size_t health_columns = 6;
 using HealthRow = std::array<Ref, health_columns>;
-
-/// `self._repo.db`
-Ref database(PyObject* self)
-{
-    const Ref repository = attr(self, names::repo);
-    return repository ? attr(repository.get(), names::db) : Ref{};
-}
 
 /// The end of `except Exception as error: logger.warning(message, error); return`; null for an error that is let out.
 Ref log_and_go_on(const Scope& scope, PyObject* message)
@@ -49,11 +41,11 @@ Answer is_registered(const Scope& scope, PyObject* name)
 /// `list(self._repo.db.fetchall(...))`
 Ref read_rows(const Scope& scope, PyObject* self)
 {
-    const Ref db = database(self);
-    const Ref fetch = db ? attr(db.get(), names::fetchall) : Ref{};
-    const Ref columns = fetch ? scope.global(names::tool_health_columns) : Ref{};
+    const Ref fetch = database_method(self, names::fetchall);
+    Ref columns = fetch ? scope.global(names::tool_health_columns) : Ref{};
+    columns = columns ? cpython::formatted(columns.get()) : Ref{};
     const Ref statement =
-        columns ? Ref::steal(PyUnicode_FromFormat("SELECT %S FROM tool_health", columns.get())) : Ref{};
+        columns ? Ref::steal(PyUnicode_FromFormat("SELECT %U FROM tool_health", columns.get())) : Ref{};
     const Ref rows = statement ? cpython::call(fetch.get(), statement.get()) : Ref{};
     return rows ? Ref::steal(PySequence_List(rows.get())) : Ref{};
 }
@@ -62,13 +54,12 @@ Ref read_rows(const Scope& scope, PyObject* self)
 bool delete_removed(const Scope& scope, PyObject* self, const Ref& rows)
 {
     const Ref removed = Ref::steal(PyList_New(0));
-    const Ref first = removed ? Ref::steal(PyLong_FromLong(0)) : Ref{};
-    if (!first) {
+    if (!removed) {
         return false;
     }
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i) {
         const Ref row = Ref::borrow(PyList_GET_ITEM(rows.get(), i));
-        const Ref name = cpython::item(row.get(), first.get());
+        const Ref name = cpython::item(row.get(), Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
         const Answer registered = name ? is_registered(scope, name.get()) : Answer::failed;
         if (registered == Answer::failed ||
             (registered == Answer::no && !append(removed, Ref::steal(PyTuple_Pack(1, name.get()))))) {
@@ -78,9 +69,9 @@ bool delete_removed(const Scope& scope, PyObject* self, const Ref& rows)
     if (PyList_GET_SIZE(removed.get()) == 0) {
         return true;
     }
-    const Ref db = database(self);
-    return db && call_method(db.get(), names::executemany, static_cast<PyObject*>(names::delete_health),
-                             removed.get());
+    const Ref execute = database_method(self, names::executemany);
+    return execute &&
+           cpython::call(execute.get(), static_cast<PyObject*>(names::delete_health), removed.get());
 }
 
 /// `_ToolState(call_count=..., error_count=..., last_error=..., disabled_at=..., updated_at=...)` from a row.
@@ -96,7 +87,7 @@ Ref make_state(const Scope& scope, const HealthRow& columns)
     case Answer::failed:
         return {};
     case Answer::no:
-        updated_at = records.defaults()[tool_state::updated_at.index].copy();
+        updated_at = records.default_of(tool_state::updated_at).copy();
         break;
     case Answer::yes:
         break;
@@ -104,7 +95,7 @@ Ref make_state(const Scope& scope, const HealthRow& columns)
     std::array<Ref, 6> values{std::move(calls),       std::move(errors),     columns[3].copy(),
                               std::move(disabled_at), std::move(updated_at), {}};
     if (records.is_original(type.get())) {
-        values[5] = records.defaults()[tool_state::consecutive_errors.index].copy();
+        values[5] = records.default_of(tool_state::consecutive_errors).copy();
         return records.make_original(type.get(), values);
     }
     const Ref keywords = Ref::steal(
@@ -143,8 +134,7 @@ bool seed_state(const Scope& scope, const Tracker& tracker, const Ref& rows)
 /// The entries of the stored usage document, any iterable; an empty list when there is none.
 Ref read_document(const Scope& scope, PyObject* self)
 {
-    const Ref db = database(self);
-    const Ref fetch = db ? attr(db.get(), names::fetchone) : Ref{};
+    const Ref fetch = database_method(self, names::fetchone);
     const Ref key = fetch ? scope.global(names::tool_usage_key) : Ref{};
     const Ref parameters = key ? Ref::steal(PyTuple_Pack(1, key.get())) : Ref{};
     const Ref row =
@@ -153,8 +143,7 @@ Ref read_document(const Scope& scope, PyObject* self)
     if (!row || row.get() == Py_None) {
         return row ? Ref::steal(PyList_New(0)) : Ref{};
     }
-    const Ref first = Ref::steal(PyLong_FromLong(0));
-    const Ref value = first ? cpython::item(row.get(), first.get()) : Ref{};
+    const Ref value = cpython::item(row.get(), Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
     const int is_text =
         value ? PyObject_IsInstance(value.get(), reinterpret_cast<PyObject*>(&PyUnicode_Type)) : -1;
     if (is_text <= 0) {

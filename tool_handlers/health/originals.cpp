@@ -1,9 +1,6 @@
 #include "originals.hpp"
 
 #include "cpython/special.hpp"
-#include "tracker.hpp"
-
-#include <cstring>
 
 namespace health {
 
@@ -14,21 +11,6 @@ namespace {
 constexpr std::array tracker_fields{&tracker_field::repo,       &tracker_field::limits, &tracker_field::lock,
                                     &tracker_field::state,      &tracker_field::dirty,  &tracker_field::usage,
                                     &tracker_field::usage_dirty};
-
-/// Whether `cooldown_s` of the class is a property whose getter is the module's own.
-Answer has_own_cooldown_property(const Scope& scope, PyTypeObject* type)
-{
-    Ref descriptor;
-    const Answer found = cpython::find_in_class(type, names::cooldown_s, descriptor);
-    if (found != Answer::yes || !Py_IS_TYPE(descriptor.get(), &PyProperty_Type)) {
-        return found == Answer::failed ? found : Answer::no;
-    }
-    const Ref getter = cpython::attr(descriptor.get(), names::fget);
-    if (!getter) {
-        return Answer::failed;
-    }
-    return scope.owns(getter.get(), cpython::enter<cooldown_s, 1, 0>) ? Answer::yes : Answer::no;
-}
 
 /// Whether the class, or a base of it, has an attribute that would stand before a field of the instance.
 Answer hides_a_field(PyTypeObject* type)
@@ -41,27 +23,9 @@ Answer hides_a_field(PyTypeObject* type)
     return hidden;
 }
 
-/// The function `time.time` of the interpreter, if that is what the module `time` holds: a C function of that module.
-/// No Python code can make one, so the name is proof.
-Ref builtin_clock()
-{
-    const Ref module = Ref::steal(PyImport_ImportModule("time"));
-    Ref clock = module ? cpython::attr(module.get(), names::time) : Ref{};
-    if (!clock || !PyCFunction_CheckExact(clock.get())) {
-        return {};
-    }
-    PyObject* const owner = PyCFunction_GET_SELF(clock.get());
-    const char* const name = reinterpret_cast<PyCFunctionObject*>(clock.get())->m_ml->ml_name;
-    const bool genuine = owner != nullptr && owner == module.get() && PyModule_CheckExact(owner) &&
-                         PyModule_GetDef(owner) != nullptr &&
-                         std::strcmp(PyModule_GetDef(owner)->m_name, "time") == 0 &&
-                         std::strcmp(name, "time") == 0;
-    return genuine ? std::move(clock) : Ref{};
-}
-
 }  // namespace
 
-bool TrackerClass::learn(const Scope& scope, PyTypeObject* type)
+bool TrackerClass::learn(PyTypeObject* type)
 {
     plain_.forget();
     other_.remember(type);
@@ -69,27 +33,26 @@ bool TrackerClass::learn(const Scope& scope, PyTypeObject* type)
         !PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT)) {
         return false;
     }
-    const Answer hidden = hides_a_field(type);
-    if (hidden == Answer::yes) {
+    switch (hides_a_field(type)) {
+    case Answer::yes:
         return false;
+    case Answer::failed:
+        PyErr_Clear();  // for want of memory: the next operation looks again
+        other_.forget();
+        return false;
+    case Answer::no:
+        break;
     }
     other_.forget();
-    const Answer own_cooldown = hidden == Answer::no ? has_own_cooldown_property(scope, type) : hidden;
-    if (own_cooldown == Answer::failed) {
-        PyErr_Clear();  // for want of memory: the next operation looks again
-        return false;
-    }
-    own_cooldown_ = own_cooldown == Answer::yes;
     plain_.remember(type);
     return plain_.is(reinterpret_cast<PyObject*>(type));
 }
 
 bool keep_constants(Originals& originals)
 {
-    originals.clock = builtin_clock();
-    PyErr_Clear();
+    originals.round = cpython::item(PyEval_GetBuiltins(), names::round);
     originals.enabled = Ref::steal(PyTuple_Pack(2, Py_False, Py_None));
-    return originals.enabled &&
+    return originals.round && originals.enabled &&
            originals.summary_record.set_keys({names::tool_name, names::call_count, names::error_count,
                                               names::last_error, names::disabled, names::disabled_at,
                                               names::updated_at, names::usage_list}) &&
@@ -111,13 +74,13 @@ Ref now(const Scope& scope)
     if (!time) {
         return {};
     }
-    // The attribute of a plain module is an entry of its dictionary; reading the clock here spares the call.
+    // The attribute of a plain module is an entry of its dictionary, and a C function without arguments can be called
+    // as the interpreter would: neither needs a bound method or an argument list.
     const Ref clock = PyModule_CheckExact(time.get())
                           ? kept.time_function.find(PyModule_GetDict(time.get()), names::time)
                           : Ref{};
-    PyTime_t reading = 0;
-    if (clock && clock.get() == kept.clock.get() && PyTime_TimeRaw(&reading) == 0) {
-        return Ref::steal(PyFloat_FromDouble(PyTime_AsSecondsDouble(reading)));
+    if (clock && PyCFunction_CheckExact(clock.get()) && PyCFunction_GET_FLAGS(clock.get()) == METH_NOARGS) {
+        return Ref::steal(PyCFunction_GET_FUNCTION(clock.get())(PyCFunction_GET_SELF(clock.get()), nullptr));
     }
     return cpython::call_method(time.get(), names::time);
 }

@@ -9,29 +9,33 @@
 
 namespace health {
 
+/// The fields of a tracker, in the order in which the constructor sets them.
+namespace tracker_field {
+inline constexpr Field repo{0, names::repo};
+inline constexpr Field limits{1, names::limits};
+inline constexpr Field lock{2, names::lock};
+inline constexpr Field state{3, names::state};
+inline constexpr Field dirty{4, names::dirty};
+inline constexpr Field usage{5, names::usage};
+inline constexpr Field usage_dirty{6, names::usage_dirty};
+}  // namespace tracker_field
+
 /// What the short cuts know of the class of a tracker.
 class TrackerClass {
 public:
     /// Whether the fields of such a tracker are just entries of its instance dictionary: attribute access is the usual
     /// one, and no class attribute stands before a field.
-    [[nodiscard]] bool has_plain_fields(const Scope& scope, PyObject* self)
+    [[nodiscard]] bool has_plain_fields(PyObject* self)
     {
-        return plain_.is_class_of(self) || (!other_.is_class_of(self) && learn(scope, Py_TYPE(self)));
-    }
-
-    /// Whether, besides, `self.cooldown_s` is the module's own property.
-    [[nodiscard]] bool has_own_cooldown(const Scope& scope, PyObject* self)
-    {
-        return has_plain_fields(scope, self) && own_cooldown_;
+        return plain_.is_class_of(self) || (!other_.is_class_of(self) && learn(Py_TYPE(self)));
     }
 
 private:
     /// Looks at a class that is new or has changed; raises nothing.
-    bool learn(const Scope& scope, PyTypeObject* type);
+    bool learn(PyTypeObject* type);
 
     cpython::KnownType plain_;
     cpython::KnownType other_;  // the last class that was looked at in vain
-    bool own_cooldown_ = false;
 };
 
 struct Originals {
@@ -39,10 +43,10 @@ struct Originals {
     UsageClass usage;
     TrackerClass tracker;
     cpython::LockClass lock;
-    Ref clock;  // the interpreter's own `time.time`; null if that was replaced before the import
+    Ref round;                         // the builtin
+    Ref enabled;                       // (False, None), the answer about a tool that is not disabled
     cpython::EntryHint time_module;    // in the module's namespace
     cpython::EntryHint time_function;  // in the namespace of `time`
-    Ref enabled;                       // (False, None), the answer about a tool that is not disabled
     cpython::DictShape<8> summary_record;
     cpython::DictShape<6> usage_row;
     cpython::DictShape<7> saved_entry;

@@ -1,9 +1,10 @@
 #include "records.hpp"
 
-#include <cstddef>
+#include "cpython/special.hpp"
 
 namespace health {
 
+using cpython::Answer;
 using cpython::attr;
 using cpython::call;
 
@@ -65,6 +66,9 @@ template <std::size_t Fields>
 Ref RecordClass<Fields>::define(PyObject* globals, PyObject* name, const char* doc,
                                 const Definition& definition)
 {
+    for (const auto& [field, annotation, value] : definition) {
+        defaults_[field.index] = value.copy();
+    }
     const Ref decorator = make_decorator(globals);
     const Ref plain = decorator ? make_class<Fields>(globals, name, doc, definition) : Ref{};
     Ref type = plain ? call(decorator.get(), plain.get()) : Ref{};
@@ -101,9 +105,26 @@ bool RecordClass<Fields>::learn(PyObject* type, const Definition& definition)
             return true;
         }
         offsets_[field.index] = member->offset;
-        defaults_[field.index] = value.copy();
     }
-    known_.remember(as_type);
+    return learn_init(as_type);
+}
+
+/// Takes note of the `__init__` that the decorator has made: code and defaults of a function can be replaced without
+/// any change of the class. False only for an error.
+template <std::size_t Fields>
+bool RecordClass<Fields>::learn_init(PyTypeObject* type)
+{
+    Ref init;
+    if (cpython::find_in_class(type, names::dunder_init, init) != Answer::yes) {
+        return PyErr_Occurred() == nullptr;
+    }
+    if (!PyFunction_Check(init.get())) {
+        return true;
+    }
+    init_ = reinterpret_cast<PyFunctionObject*>(init.get());
+    init_code_ = Ref::borrow(init_->func_code);
+    init_defaults_ = Ref::borrow_optional(init_->func_defaults);
+    known_.remember(type);
     return true;
 }
 

@@ -108,8 +108,12 @@ public:
         return true;
     }
 
-    /// Whether `type` is the class that the import made, unchanged.
-    [[nodiscard]] bool is_original(PyObject* type) const { return known_.is(type); }
+    /// Whether `type` is the class that the import made, and makes instances as it did then.
+    [[nodiscard]] bool is_original(PyObject* type) const
+    {
+        return known_.is(type) && init_->func_code == init_code_.get() &&
+               init_->func_defaults == init_defaults_.get();
+    }
 
     /// `type()`, for whatever the name of the class stands for by now.
     [[nodiscard]] Ref make(PyObject* type) const
@@ -128,7 +132,7 @@ public:
         return record;
     }
 
-    [[nodiscard]] const std::array<Ref, Fields>& defaults() const { return defaults_; }
+    [[nodiscard]] const Ref& default_of(const Field& field) const { return defaults_[field.index]; }
 
 private:
     [[nodiscard]] PyObject*& slot(PyObject* record, std::size_t index) const
@@ -137,8 +141,12 @@ private:
     }
 
     [[nodiscard]] bool learn(PyObject* type, const Definition& definition);
+    [[nodiscard]] bool learn_init(PyTypeObject* type);
 
     cpython::KnownType known_;
+    PyFunctionObject* init_ = nullptr;  // not owned: the class keeps it for as long as it is known
+    Ref init_code_;
+    Ref init_defaults_;
     std::array<Py_ssize_t, Fields> offsets_{};
     std::array<Ref, Fields> defaults_;
 };

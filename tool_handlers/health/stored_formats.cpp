@@ -1,9 +1,10 @@
 #include "stored_formats.hpp"
 
+#include "originals.hpp"
+
 #include <datetime.h>
 
 #include <cmath>
-#include <cstdint>
 
 namespace health {
 
@@ -235,9 +236,8 @@ Ref rounded(const Scope& scope, PyObject* value, int digits)
         round_quickly(PyFloat_AS_DOUBLE(value), digits == 2 ? 100.0 : 1000.0, result)) {
         return Ref::steal(PyFloat_FromDouble(result));
     }
-    const Ref round = scope.global(names::round);
-    const Ref places = round ? Ref::steal(PyLong_FromLong(digits)) : Ref{};
-    return places ? cpython::call(round.get(), value, places.get()) : Ref{};
+    const Ref places = Ref::steal(PyLong_FromLong(digits));
+    return places ? cpython::call(originals(scope).round.get(), value, places.get()) : Ref{};
 }
 
 Ref whole_or_zero(PyObject* value)

@@ -3,7 +3,8 @@
 // A walk over all usage counts for every tool would cost tools times keys. So one pass groups the counts by tool, as
 // positions in the usage map in the order of the map, and a tool's rows are then read at those positions. What the
 // host's `is_slow_call` sees and can do between two rows is the same as during a walk: a record that it changes or
-// replaces shows in the rows to come, and a map that it resizes ends the summary with the error of an iteration.
+// replaces shows in the rows to come, keys that it exchanges are met or missed as an iterator would meet or miss them,
+// and a map that it resizes ends the summary with the error of an iteration.
 // An overridden `_usage_rows`, a replaced map, or keys that are not what the tracker puts there go the general way.
 #include "cpython/containers.hpp"
 #include "stored_formats.hpp"
@@ -163,11 +164,11 @@ Ref make_row(const Scope& scope, PyObject* tool_name, const UsageKey& key, PyObj
 }
 
 /// The rows in order, most calls first.
-Ref sorted_rows(Ref rows)
+Ref sorted_rows(const Ref& rows)
 {
     const auto count = static_cast<std::size_t>(PyList_GET_SIZE(rows.get()));
     if (count == 0) {
-        return rows;
+        return rows.copy();
     }
     Scratch<RowRank> ranks{count};
     if (!ranks) {
@@ -178,7 +179,7 @@ Ref sorted_rows(Ref rows)
         all_plain = ranks[i].read(PyList_GET_ITEM(rows.get(), static_cast<Py_ssize_t>(i)), i);
     }
     if (!all_plain) {
-        return cpython::sort_by(rows.get(), names::sort, names::key, rank_of_row_definition) ? std::move(rows)
+        return cpython::sort_by(rows.get(), names::sort, names::key, rank_of_row_definition) ? rows.copy()
                                                                                              : Ref{};
     }
     std::ranges::sort(ranks, &RowRank::precedes);
@@ -245,14 +246,13 @@ bool add_names(const Ref& names, PyObject* iterable, Part part)
 Ref tool_names(const Tracker& tracker)
 {
     const Ref names = Ref::steal(PyDict_New());
-    const Ref first = names ? Ref::steal(PyLong_FromLong(0)) : Ref{};
-    const Ref states = first ? tracker.get(tracker_field::state) : Ref{};
+    const Ref states = names ? tracker.get(tracker_field::state) : Ref{};
     if (!states || !add_names(names, states.get(), [](const Ref& name) { return name.copy(); })) {
         return {};
     }
     const Ref usage = tracker.get(tracker_field::usage);
-    const bool added = usage && add_names(names, usage.get(), [&](const Ref& key) {
-                           return cpython::item(key.get(), first.get());
+    const bool added = usage && add_names(names, usage.get(), [](const Ref& key) {
+                           return cpython::item(key.get(), Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
                        });
     return added ? Ref::steal(PyDict_Keys(names.get())) : Ref{};
 }
@@ -417,7 +417,8 @@ private:
         return Answer::yes;
     }
 
-    /// `self._usage_rows(name)`, from the grouped entries as long as neither the method nor the map is another.
+    /// `self._usage_rows(name)`, from the grouped entries as long as the method is the module's own and the usage map
+    /// holds the keys that were grouped.
     Ref usage_of(const Tool& tool)
     {
         const Ref method = attr(tracker_.self(), names::usage_rows);
@@ -430,37 +431,97 @@ private:
         if (own && !usage) {
             return {};
         }
-        if (!own || usage.get() != usage_.get() || PyDict_GET_SIZE(usage.get()) != usage_size_) {
-            return cpython::call(method.get(), tool.name.get());
+        const bool as_grouped = own && usage.get() == usage_.get() && has_grouped_keys(tool);
+        return as_grouped ? grouped_rows(tool) : cpython::call(method.get(), tool.name.get());
+    }
+
+    /// Whether the key of an entry is still at its position.
+    [[nodiscard]] bool stands(const Entry& entry) const
+    {
+        Py_ssize_t position = entry.position;
+        PyObject* key = nullptr;
+        return PyDict_Next(usage_.get(), &position, &key, nullptr) != 0 && key == entry.key.get();
+    }
+
+    /// Whether nothing has been added to the usage map: it ends where it ended.
+    [[nodiscard]] bool has_grouped_end()
+    {
+        if (usage_size_ == 0) {
+            return PyDict_GET_SIZE(usage_.get()) == 0;
         }
-        return grouped_rows(tool);
+        const Entry& last = entries_[static_cast<std::size_t>(usage_size_ - 1)];
+        Py_ssize_t behind = last.position + 1;
+        return stands(last) && PyDict_Next(usage_.get(), &behind, nullptr, nullptr) == 0;
+    }
+
+    /// Whether a walk of the usage map would meet the same keys for the tool as when they were grouped.
+    [[nodiscard]] bool has_grouped_keys(const Tool& tool)
+    {
+        bool same = PyDict_GET_SIZE(usage_.get()) == usage_size_ && has_grouped_end();
+        for (Py_ssize_t at = tool.first_entry; same && at != no_entry;) {
+            const Entry& entry = entries_[static_cast<std::size_t>(at)];
+            same = stands(entry);
+            at = entry.next;
+        }
+        return same;
     }
 
     Ref grouped_rows(const Tool& tool)
     {
-        Ref rows = Ref::steal(PyList_New(0));
+        const Ref rows = Ref::steal(PyList_New(0));
         for (Py_ssize_t at = tool.first_entry; rows && at != no_entry;) {
             const Entry& entry = entries_[static_cast<std::size_t>(at)];
-            Py_ssize_t position = entry.position;
-            PyObject* key = nullptr;
-            PyObject* usage = nullptr;
-            if (PyDict_Next(usage_.get(), &position, &key, &usage) == 0 || key != entry.key.get()) {
-                PyErr_SetString(PyExc_RuntimeError, "dictionary keys changed during iteration");
-                return {};
+            if (!stands(entry) || !has_grouped_end()) {
+                return walk_on(tool, rows, entry.position);
             }
-            const Ref held = Ref::borrow(usage);
-            UsageKey parts;
-            if (!cpython::unpack(entry.key.get(), parts) ||
-                !append(rows, make_row(scope_, tool.name.get(), parts, held.get()))) {
-                return {};
-            }
-            if (PyDict_GET_SIZE(usage_.get()) != usage_size_) {
-                PyErr_SetString(PyExc_RuntimeError, "dictionary changed size during iteration");
+            if (!add_row_at(tool, rows, entry.position)) {
                 return {};
             }
             at = entry.next;
+            if (at == no_entry && !has_grouped_end()) {
+                return walk_on(tool, rows, entry.position + 1);
+            }
         }
-        return rows ? sorted_rows(std::move(rows)) : Ref{};
+        return rows ? sorted_rows(rows) : Ref{};
+    }
+
+    /// Adds the row of the entry at a position, and then minds the size of the map, as an iterator of it would.
+    bool add_row_at(const Tool& tool, const Ref& rows, Py_ssize_t position)
+    {
+        PyObject* key = nullptr;
+        PyObject* usage = nullptr;
+        if (PyDict_Next(usage_.get(), &position, &key, &usage) == 0) {
+            return true;
+        }
+        const Ref held_key = Ref::borrow(key);
+        const Ref held_usage = Ref::borrow(usage);
+        UsageKey parts;
+        if (!cpython::unpack(held_key.get(), parts)) {
+            return false;
+        }
+        const Answer asked = cpython::compare(parts[0].get(), tool.name.get(), Py_EQ);
+        if (asked == Answer::failed ||
+            (asked == Answer::yes &&
+             !append(rows, make_row(scope_, tool.name.get(), parts, held_usage.get())))) {
+            return false;
+        }
+        if (PyDict_GET_SIZE(usage_.get()) != usage_size_) {
+            PyErr_SetString(PyExc_RuntimeError, "dictionary changed size during iteration");
+            return false;
+        }
+        return true;
+    }
+
+    /// The rest of the walk, from a position on, over a map whose keys somebody has exchanged meanwhile.
+    Ref walk_on(const Tool& tool, const Ref& rows, Py_ssize_t position)
+    {
+        for (Py_ssize_t next = position; PyDict_Next(usage_.get(), &next, nullptr, nullptr) != 0;
+             position = next) {
+            if (!add_row_at(tool, rows, position)) {
+                return {};
+            }
+        }
+        return sorted_rows(rows);
     }
 
     const Scope& scope_;
@@ -504,7 +565,7 @@ Ref usage_rows(const Scope& scope, PyObject* const* arguments)
     const Ref usage = attr(arguments[0], names::usage);
     const Ref items = usage ? cpython::call_method(usage.get(), names::items) : Ref{};
     const Ref entries = items ? Ref::steal(PyObject_GetIter(items.get())) : Ref{};
-    Ref rows = entries ? Ref::steal(PyList_New(0)) : Ref{};
+    const Ref rows = entries ? Ref::steal(PyList_New(0)) : Ref{};
     if (!rows) {
         return {};
     }
@@ -518,7 +579,7 @@ Ref usage_rows(const Scope& scope, PyObject* const* arguments)
             return {};
         }
     }
-    return PyErr_Occurred() == nullptr ? sorted_rows(std::move(rows)) : Ref{};
+    return PyErr_Occurred() == nullptr ? sorted_rows(rows) : Ref{};
 }
 
 Ref get_health_summary(const Scope& scope, PyObject* const* arguments)

@@ -87,21 +87,11 @@ Ref kept_error_text(PyObject* error)
     return slice ? cpython::item(error, slice.get()) : Ref{};
 }
 
-/// `self.cooldown_s`
-Ref cooldown_of(const Scope& scope, const Tracker& tracker)
-{
-    if (!originals(scope).tracker.has_own_cooldown(scope, tracker.self())) {
-        return attr(tracker.self(), names::cooldown_s);
-    }
-    const Ref settings = tracker.get(tracker_field::limits);
-    return settings ? attr(settings.get(), names::disable_cooldown_s) : Ref{};
-}
-
 /// `now - disabled_at >= self.cooldown_s`
-Answer is_over(const Scope& scope, const Tracker& tracker, PyObject* now, PyObject* disabled_at)
+Answer is_over(PyObject* self, PyObject* now, PyObject* disabled_at)
 {
     const Ref elapsed = Ref::steal(PyNumber_Subtract(now, disabled_at));
-    const Ref cooldown = elapsed ? cooldown_of(scope, tracker) : Ref{};
+    const Ref cooldown = elapsed ? attr(self, names::cooldown_s) : Ref{};
     return cooldown ? cpython::compare(elapsed.get(), cooldown.get(), Py_GE) : Answer::failed;
 }
 
@@ -120,21 +110,18 @@ bool count_success(const Scope& scope, const Tracker& tracker, PyObject* tool_na
            mark_dirty(tracker, tool_name);
 }
 
-/// Disables the tool, from `now` on, when its run of errors has reached the limit.
-bool disable_if_failing(const ToolStateClass& records, const Tracker& tracker, PyObject* state, PyObject* now)
+/// Disables the tool, from the time of its last change on, when its run of errors has reached the limit.
+bool disable_if_failing(const ToolStateClass& records, const Tracker& tracker, PyObject* state)
 {
     const Ref run = records.get(state, tool_state::consecutive_errors);
     const Ref settings = run ? tracker.get(tracker_field::limits) : Ref{};
     const Ref limit = settings ? attr(settings.get(), names::disable_after_errors) : Ref{};
-    switch (limit ? cpython::compare(run.get(), limit.get(), Py_GE) : Answer::failed) {
-    case Answer::yes:
-        return records.set(state, tool_state::disabled_at, now);
-    case Answer::no:
-        return true;
-    case Answer::failed:
-        break;
+    const Answer reached = limit ? cpython::compare(run.get(), limit.get(), Py_GE) : Answer::failed;
+    if (reached != Answer::yes) {
+        return reached == Answer::no;
     }
-    return false;
+    const Ref changed_at = records.get(state, tool_state::updated_at);
+    return changed_at && records.set(state, tool_state::disabled_at, changed_at.get());
 }
 
 /// One failed call of the tool.
@@ -153,8 +140,7 @@ bool count_error(const Scope& scope, const Tracker& tracker, PyObject* tool_name
     }
     const Ref updated_at = now(scope);
     return updated_at && records.set(state.get(), tool_state::updated_at, updated_at.get()) &&
-           disable_if_failing(records, tracker, state.get(), updated_at.get()) &&
-           mark_dirty(tracker, tool_name);
+           disable_if_failing(records, tracker, state.get()) && mark_dirty(tracker, tool_name);
 }
 
 /// One call in the usage counts; `key` is the usage key.
@@ -202,7 +188,7 @@ Ref disabled_answer(const Scope& scope, const Tracker& tracker, PyObject* tool_n
     if (!disabled_at) {
         return {};
     }
-    switch (is_over(scope, tracker, asked_at.get(), disabled_at.get())) {
+    switch (is_over(tracker.self(), asked_at.get(), disabled_at.get())) {
     case Answer::failed:
         return {};
     case Answer::yes:

@@ -9,17 +9,6 @@
 
 namespace health {
 
-/// The fields of a tracker, in the order in which the constructor sets them.
-namespace tracker_field {
-inline constexpr Field repo{0, names::repo};
-inline constexpr Field limits{1, names::limits};
-inline constexpr Field lock{2, names::lock};
-inline constexpr Field state{3, names::state};
-inline constexpr Field dirty{4, names::dirty};
-inline constexpr Field usage{5, names::usage};
-inline constexpr Field usage_dirty{6, names::usage_dirty};
-}  // namespace tracker_field
-
 inline constexpr std::size_t key_parts = 4;
 using UsageKey = std::array<Ref, key_parts>;  // tool, action or None, outcome, alias hit
 
@@ -33,14 +22,15 @@ public:
     /// `self.field`
     [[nodiscard]] Ref get(const Field& field) const
     {
-        if (originals(scope_).tracker.has_plain_fields(scope_, self_)) {
+        if (originals(scope_).tracker.has_plain_fields(self_)) {
             // The constructor's order is where a field usually is.
             const Ref fields = Ref::steal(PyObject_GenericGetDict(self_, nullptr));
             const cpython::EntryHint hint{static_cast<Py_ssize_t>(field.index)};
-            if (Ref value = fields ? hint.look(fields.get(), field.name) : Ref{}) {
+            if (!fields) {
+                PyErr_Clear();  // no dictionary for want of memory: the general way needs none
+            } else if (Ref value = hint.look(fields.get(), field.name)) {
                 return value;
             }
-            PyErr_Clear();  // no dictionary for want of memory: the general way needs none
         }
         return cpython::attr(self_, field.name);
     }
@@ -49,7 +39,7 @@ public:
     [[nodiscard]] bool mark_usage(bool value) const
     {
         PyObject* const mark = value ? Py_True : Py_False;
-        if (originals(scope_).tracker.has_plain_fields(scope_, self_)) {
+        if (originals(scope_).tracker.has_plain_fields(self_)) {
             if (get(tracker_field::usage_dirty).get() == mark) {
                 return true;
             }
@@ -95,6 +85,14 @@ cpython::Left locked(const Scope& scope, PyObject* self, Body&& body)
     const Ref lock = tracker.get(tracker_field::lock);
     return lock ? cpython::with_lock(originals(scope).lock, lock.get(), [&] { return body(tracker); })
                 : cpython::Left::failed;
+}
+
+/// `self._repo.db.name`, a method of the repository's database
+inline Ref database_method(PyObject* self, PyObject* name)
+{
+    const Ref repository = cpython::attr(self, names::repo);
+    const Ref database = repository ? cpython::attr(repository.get(), names::db) : Ref{};
+    return database ? cpython::attr(database.get(), name) : Ref{};
 }
 
 /// What a function returns whose last statement is that `with` block: its result, or None after a swallowed error.

@@ -89,16 +89,21 @@ inline Answer get_from(PyObject* map, PyObject* key, PyObject* get, Ref& value)
 inline bool is_caught() { return PyErr_ExceptionMatches(PyExc_Exception) != 0; }
 
 /// The body of an `except` clause: for as long as this lives, the caught error is what `sys.exc_info()` shows and
-/// what a new error gets as its `__context__`.
+/// what a new error gets as its `__context__`. It stands in the place of the running function or generator alone, as
+/// an `except` clause does: what an outer handler is busy with is not copied in here.
 class Handling {
 public:
     /// Takes the exception that is set; afterwards none is.
     Handling()
-        : error_{Ref::steal(PyErr_GetRaisedException())}, outer_{Ref::steal(PyErr_GetHandledException())}
+        : error_{Ref::steal(PyErr_GetRaisedException())},
+          outer_{Ref::steal(std::exchange(PyThreadState_Get()->exc_info->exc_value, error_.copy().release()))}
     {
-        PyErr_SetHandledException(error_.get());
     }
-    ~Handling() { PyErr_SetHandledException(outer_ ? outer_.get() : Py_None); }
+    ~Handling()
+    {
+        const Ref handled =
+            Ref::steal(std::exchange(PyThreadState_Get()->exc_info->exc_value, outer_.release()));
+    }
     Handling(const Handling&) = delete;
     Handling& operator=(const Handling&) = delete;
     Handling(Handling&&) = delete;
@@ -113,5 +118,8 @@ private:
     Ref error_;
     Ref outer_;
 };
+
+/// `format(value, "")`, what an f-string makes of a value
+inline Ref formatted(PyObject* value) { return Ref::steal(PyObject_Format(value, nullptr)); }
 
 }  // namespace cpython

@@ -21,32 +21,55 @@ Name co_qualname{"co_qualname"};
 Name file{"__file__"};
 Name doc{"__doc__"};
 Name name{"name"};
-Name result{"return"};
 }  // namespace names
 
+/// The constant of an operation's code. One of them, made first, owns what the import keeps; the others share it.
 struct Keepsake {
-    PyObject_HEAD void* kept;
-    void (*destroy)(void*);
+    PyObject ob_base;
+    vectorcallfunc entry;  // of the operation whose code this belongs to
+    void* kept;
+    void (*destroy)(void*);  // null in those that share
+    PyObject* owner;         // null in the one that owns
 };
 
 void dealloc_keepsake(PyObject* self)
 {
     const Ref type = Ref::steal(reinterpret_cast<PyObject*>(Py_TYPE(self)));
     const auto* const keepsake = reinterpret_cast<Keepsake*>(self);
-    keepsake->destroy(keepsake->kept);
+    const Ref owner = Ref::steal(keepsake->owner);
+    if (keepsake->destroy != nullptr) {
+        keepsake->destroy(keepsake->kept);
+    }
     reinterpret_cast<PyTypeObject*>(type.get())->tp_free(self);
 }
 
-/// The keepsake among the constants of a function's code; null in code that is not ours. No other class deallocates
-/// with our function.
-PyObject* keepsake_of(const PyFunctionObject* function)
+/// The keepsake for the code of one more operation.
+Ref share_keepsake(PyObject* owner, vectorcallfunc entry)
+{
+    Ref shared = Ref::steal(PyType_GenericAlloc(Py_TYPE(owner), 0));
+    if (shared) {
+        auto* const fields = reinterpret_cast<Keepsake*>(shared.get());
+        fields->entry = entry;
+        fields->kept = reinterpret_cast<Keepsake*>(owner)->kept;
+        fields->owner = Py_NewRef(owner);
+    }
+    return shared;
+}
+
+/// The keepsake in the function's code, if that is the code which this very operation was made with: somebody may have
+/// assigned other code, that of another operation included. No other class deallocates with our function.
+Keepsake* keepsake_of(const PyFunctionObject* function)
 {
     PyObject* const constants = reinterpret_cast<PyCodeObject*>(function->func_code)->co_consts;
     if (PyTuple_GET_SIZE(constants) != 1) {
         return nullptr;
     }
     PyObject* const constant = PyTuple_GET_ITEM(constants, 0);
-    return Py_TYPE(constant)->tp_dealloc == dealloc_keepsake ? constant : nullptr;
+    if (Py_TYPE(constant)->tp_dealloc != dealloc_keepsake) {
+        return nullptr;
+    }
+    auto* const keepsake = reinterpret_cast<Keepsake*>(constant);
+    return keepsake->entry == function->vectorcall ? keepsake : nullptr;
 }
 
 void raise_name_error(PyObject* name)
@@ -66,23 +89,23 @@ void raise_name_error(PyObject* name)
     }
 }
 
-/// The code object: parameters and keepsake, and no instruction of ours.
-Ref make_code(const Operation& operation, PyObject* qualified_name, PyObject* globals, PyObject* keepsake)
+/// The names of the parameters, which are all the local variables there are.
+Ref make_variables(const Operation& operation)
 {
-    const std::size_t count = operation.parameters.size();
-    const Ref variables = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(count)));
-    if (!variables) {
-        return {};
-    }
-    long keyword_only = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-        PyObject* name = PyUnicode_InternFromString(operation.parameters[i].name);
+    Ref variables = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(operation.parameters.size())));
+    for (std::size_t i = 0; variables && i < operation.parameters.size(); ++i) {
+        PyObject* const name = PyUnicode_InternFromString(operation.parameters[i].name);
         if (name == nullptr) {
             return {};
         }
         PyTuple_SET_ITEM(variables.get(), static_cast<Py_ssize_t>(i), name);
-        keyword_only += operation.parameters[i].keyword_only ? 1 : 0;
     }
+    return variables;
+}
+
+/// A code object that only raises, under the name of the operation and the module's file.
+Ref make_empty_code(const Operation& operation, PyObject* globals)
+{
     Ref file;
     if (PyDict_GetItemRef(globals, names::file, file.out()) < 0) {
         return {};
@@ -92,21 +115,28 @@ Ref make_code(const Operation& operation, PyObject* qualified_name, PyObject* gl
         PyErr_Clear();
         path = "<extension module>";
     }
-    const Ref empty = Ref::steal(reinterpret_cast<PyObject*>(PyCode_NewEmpty(path, operation.name, 1)));
+    return Ref::steal(reinterpret_cast<PyObject*>(PyCode_NewEmpty(path, operation.name, 1)));
+}
+
+/// The code object: parameters and keepsake, and no instruction of ours.
+Ref make_code(const Operation& operation, PyObject* qualified_name, PyObject* globals, PyObject* keepsake)
+{
+    const auto total = static_cast<long>(operation.parameters.size());
+    const long keyword_only = std::ranges::count(operation.parameters, true, &Parameter::keyword_only);
+    const Ref variables = make_variables(operation);
+    const Ref shared = share_keepsake(keepsake, operation.entry);
+    const Ref constants = shared ? Ref::steal(PyTuple_Pack(1, shared.get())) : Ref{};
+    const Ref empty = constants ? make_empty_code(operation, globals) : Ref{};
     const Ref replace = empty ? attr(empty.get(), names::replace) : Ref{};
-    const Ref constants = Ref::steal(PyTuple_Pack(1, keepsake));
     const Ref changes = Ref::steal(PyDict_New());
-    if (!replace || !constants || !changes) {
-        return {};
-    }
-    const auto change = [&](PyObject* name, Ref value) {
+    const auto change = [&](PyObject* name, const Ref& value) {
         return value && PyDict_SetItem(changes.get(), name, value.get()) == 0;
     };
-    const auto total = static_cast<long>(count);
-    if (!change(names::co_argcount, Ref::steal(PyLong_FromLong(total - keyword_only))) ||
+    if (!replace || !changes || !change(names::co_varnames, variables) ||
+        !change(names::co_argcount, Ref::steal(PyLong_FromLong(total - keyword_only))) ||
         !change(names::co_kwonlyargcount, Ref::steal(PyLong_FromLong(keyword_only))) ||
         !change(names::co_nlocals, Ref::steal(PyLong_FromLong(total))) ||
-        !change(names::co_varnames, variables.copy()) || !change(names::co_consts, constants.copy()) ||
+        !change(names::co_consts, constants) ||
         !change(names::co_flags, Ref::steal(PyLong_FromLong(CO_NEWLOCALS | CO_FUTURE_ANNOTATIONS))) ||
         !change(names::co_qualname, Ref::borrow(qualified_name))) {
         return {};
@@ -147,7 +177,7 @@ Ref make_defaults(const Operation& operation)
     return defaults;
 }
 
-/// Which parameter a keyword names: an index below the number of parameters, that number for none, or failed.
+/// Finds the parameter that a keyword names, by identity first, as nearly every call passes interned names.
 Answer find_parameter(PyObject* parameters, PyObject* keyword, std::size_t count, std::size_t& index)
 {
     for (index = 0; index < count; ++index) {
@@ -196,17 +226,20 @@ Answer fill_in_defaults(const PyFunctionObject* function, PyObject* parameters, 
 }  // namespace
 
 Scope::Scope(PyObject* function)
-    : function_{reinterpret_cast<PyFunctionObject*>(function)},
-      keepsake_{Ref::borrow_optional(keepsake_of(function_))},
-      kept_{keepsake_ ? reinterpret_cast<Keepsake*>(keepsake_.get())->kept : nullptr}
+    : function_{Ref::borrow(function)}, globals_{reinterpret_cast<PyFunctionObject*>(function)->func_globals},
+      builtins_{reinterpret_cast<PyFunctionObject*>(function)->func_builtins}
 {
+    if (Keepsake* const keepsake = keepsake_of(reinterpret_cast<PyFunctionObject*>(function))) {
+        keepsake_ = Ref::borrow(reinterpret_cast<PyObject*>(keepsake));
+        kept_ = keepsake->kept;
+    }
 }
 
 Ref Scope::global(PyObject* name) const
 {
     Ref value;
-    if (PyDict_GetItemRef(function_->func_globals, name, value.out()) == 0 &&
-        PyDict_GetItemRef(function_->func_builtins, name, value.out()) == 0) {
+    if (PyDict_GetItemRef(globals_, name, value.out()) == 0 &&
+        PyDict_GetItemRef(builtins_, name, value.out()) == 0) {
         raise_name_error(name);
     }
     return value;
@@ -217,9 +250,9 @@ bool Scope::owns(PyObject* value, vectorcallfunc entry) const
     if (!PyFunction_Check(value)) {
         return false;
     }
-    const auto* function = reinterpret_cast<PyFunctionObject*>(value);
-    return function->vectorcall == entry && function->func_globals == function_->func_globals &&
-           keepsake_of(function) == keepsake_.get();
+    const auto* const function = reinterpret_cast<PyFunctionObject*>(value);
+    const Keepsake* const keepsake = function->vectorcall == entry ? keepsake_of(function) : nullptr;
+    return keepsake != nullptr && keepsake->kept == kept_ && function->func_globals == globals_;
 }
 
 Ref make_keepsake(void* kept, void (*destroy)(void*))
@@ -302,6 +335,9 @@ Answer bind(PyObject* function, PyObject* const* arguments, std::size_t given, P
     }
     const Ref parameters =
         Ref::borrow(reinterpret_cast<PyCodeObject*>(as_function->func_code)->co_localsplusnames);
+    if (PyTuple_GET_SIZE(parameters.get()) != static_cast<Py_ssize_t>(count)) {
+        return Answer::no;  // our code, but with other parameters by now
+    }
     std::copy_n(arguments, given, binding.values.begin());
     const std::size_t named = keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(keywords));
     for (std::size_t i = 0; i < named; ++i) {

@@ -8,8 +8,10 @@
 //
 // Arguments in the order of the parameters go to the body as they lie on the caller's stack; names and defaults are
 // sorted by `bind`; and a call that does not fit is handed to the interpreter's own binder, which finds the words for
-// the TypeError. The bytecode behind that binder is never meant to run; the code is marked as not optimised
-// (CO_OPTIMIZED is off), because the interpreter inlines no call of such a function and so cannot get past our entry.
+// the TypeError. The bytecode behind that binder is never meant to run, so the interpreter must not inline a call and
+// get past our entry. Two things keep it from that: setting the vectorcall leaves the function without a version, which
+// the inlined forms of a plain call ask for, and the code is marked as not optimised (CO_OPTIMIZED is off), which those
+// of `__init__` and of property getters refuse.
 #pragma once
 
 #include "call.hpp"
@@ -28,8 +30,8 @@ struct Parameter {
     bool none_by_default = false;
 };
 
-/// What a running operation sees of its module. Made on entry; alive for the time of the call, whatever foreign code
-/// does meanwhile: the caller holds the function, which holds the namespaces, and the keepsake is held here.
+/// What a running operation sees of its module. Made on entry, and good for the time of the call whatever foreign code
+/// does meanwhile: it holds the function, which holds the namespaces, and the keepsake.
 class Scope {
 public:
     explicit Scope(PyObject* function);
@@ -38,7 +40,7 @@ public:
     explicit operator bool() const { return static_cast<bool>(keepsake_); }
 
     /// The module's namespace, borrowed.
-    [[nodiscard]] PyObject* globals() const { return function_->func_globals; }
+    [[nodiscard]] PyObject* globals() const { return globals_; }
 
     /// A global name: the namespace first, then the builtins, else NameError.
     [[nodiscard]] Ref global(PyObject* name) const;
@@ -54,9 +56,11 @@ public:
     }
 
 private:
-    PyFunctionObject* function_;
+    Ref function_;
+    PyObject* globals_;
+    PyObject* builtins_;
     Ref keepsake_;
-    void* kept_;
+    void* kept_ = nullptr;
 };
 
 /// The body gets its arguments in the order of the parameters, borrowed from the caller for the time of the call.
