@@ -29,18 +29,24 @@ PyCFunction method_of(PyTypeObject* type, const char* name, int flags)
 
 }  // namespace
 
-void LockClass::learn(PyObject* lock)
+bool LockClass::learn(PyObject* lock)
 {
     PyTypeObject* type = Py_TYPE(lock);
     known.forget();
+    if (!PyType_HasFeature(type, Py_TPFLAGS_IMMUTABLETYPE)) {
+        return false;
+    }
     const PyCFunction enter = method_of(type, "__enter__", METH_VARARGS | METH_KEYWORDS);
     const PyCFunction exit = method_of(type, "__exit__", METH_VARARGS);
     release = method_of(type, "release", METH_NOARGS);
     // One function serves as `__exit__` and as `release`, so it does not look at its arguments.
-    if (enter != nullptr && release != nullptr && exit == release) {
-        acquire = reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(enter));
-        known.remember(type);
+    if (enter == nullptr || release == nullptr || exit != release) {
+        return false;
     }
+    acquire = reinterpret_cast<PyCFunctionWithKeywords>(reinterpret_cast<void (*)()>(enter));
+    no_arguments = Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE);
+    known.remember(type);
+    return known.is_class_of(lock);
 }
 
 bool HeldLock::enter_any(PyObject* lock)
@@ -77,7 +83,7 @@ Left HeldLock::leave_any(bool body_done)
     const Handling handling;
     Ref verdict;
     if (release_ != nullptr) {
-        verdict = Ref::steal(release_(lock_.get(), nullptr));
+        verdict = Ref::steal(release_(lock_, nullptr));
     } else {
         const Ref traceback = Ref::steal(PyException_GetTraceback(handling.error()));
         verdict = call(exit_.get(), reinterpret_cast<PyObject*>(Py_TYPE(handling.error())), handling.error(),

@@ -21,9 +21,10 @@ struct LockClass {
     KnownType known;
     PyCFunctionWithKeywords acquire = nullptr;
     PyCFunction release = nullptr;
+    PyObject* no_arguments = nullptr;  // the empty tuple, which is never freed
 
-    /// Learns the class of `lock` if it can be short-cut; forgets what it knew otherwise. Raises nothing.
-    void learn(PyObject* lock);
+    /// Whether the class of `lock` can be short-cut; if so, it is known from now on. Raises nothing.
+    bool learn(PyObject* lock);
 };
 
 /// A lock that has been taken, with what is needed to let go of it.
@@ -32,24 +33,19 @@ public:
     /// False: the lock is not held and an exception is set.
     [[nodiscard]] bool enter(LockClass& lock_class, PyObject* lock)
     {
-        if (!lock_class.known.is_class_of(lock) &&
-            PyType_HasFeature(Py_TYPE(lock), Py_TPFLAGS_IMMUTABLETYPE)) {
-            lock_class.learn(lock);
-        }
-        if (!lock_class.known.is_class_of(lock)) {
+        if (!lock_class.known.is_class_of(lock) && !lock_class.learn(lock)) {
             return enter_any(lock);
         }
-        lock_ = Ref::borrow(lock);
+        lock_ = lock;
         release_ = lock_class.release;
-        return static_cast<bool>(
-            Ref::steal(lock_class.acquire(lock, Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE), nullptr)));
+        return static_cast<bool>(Ref::steal(lock_class.acquire(lock, lock_class.no_arguments, nullptr)));
     }
 
     /// Lets go, on every way out. `body_done` false means that the body left an exception set.
     Left leave(bool body_done)
     {
         if (body_done && release_ != nullptr) {
-            return Ref::steal(release_(lock_.get(), nullptr)) ? Left::done : Left::failed;
+            return Ref::steal(release_(lock_, nullptr)) ? Left::done : Left::failed;
         }
         return leave_any(body_done);
     }
@@ -58,8 +54,8 @@ private:
     bool enter_any(PyObject* lock);
     Left leave_any(bool body_done);
 
-    Ref lock_;
-    Ref exit_;  // the bound `__exit__`, where there is no direct release
+    PyObject* lock_ = nullptr;  // kept by whoever entered
+    Ref exit_;                  // the bound `__exit__`, where there is no direct release
     PyCFunction release_ = nullptr;
 };
 
