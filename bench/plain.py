@@ -188,11 +188,10 @@ class ToolHealthTracker:
 
     def get_health_summary(self) -> list[dict[str, Any]]:
         with self._lock:
-            names = dict.fromkeys(self._state)
-            for key in self._usage:
-                names.setdefault(key[0])
+            names = list(self._state)
+            names.extend(key[0] for key in self._usage)
             ranked = []
-            for name in names:
+            for name in dict.fromkeys(names):
                 state = self._state.get(name)
                 ranked.append((name, _ToolState() if state is None else state))
             ranked.sort(key=lambda pair: (-pair[1].error_count, -pair[1].call_count))

@@ -3,7 +3,7 @@ import unittest
 
 from . import hosts
 
-faulthandler.dump_traceback_later(900, exit=True)  # a dead-lock fails, and shows where it is
+faulthandler.dump_traceback_later(600, exit=True)  # a dead-lock ends, and shows where it is
 
 
 class HealthCase(unittest.TestCase):

@@ -4,9 +4,10 @@ from unittest import mock
 
 from . import HealthCase, hosts
 
-WARNING = ("The process holds {} threads, more than the {} its pools allow: threads are piling up. A thread that "
-           "ran the local embedding model keeps a team of torch threads, as many as KAVRIN_EMBED_THREADS allows "
-           "(0 leaves torch's own size).")
+WARNING = (
+    "The process holds {} threads, more than the {} its pools allow: threads are piling up. A thread that ran"
+    " the local embedding model keeps a team of torch threads, as many as KAVRIN_EMBED_THREADS allows (0"
+    " leaves torch's own size).")
 
 
 class Reports(HealthCase):
@@ -15,8 +16,9 @@ class Reports(HealthCase):
         one, two = ({key: object() for key in ("extra", *reversed(keys))} for _ in range(2))
         for records in ([], [one], [two, one], [one, one, two]):
             self.host.timings = iter(records)
-            self.assertEqual(hosts.typed(self.health.handle_get_tool_performance_stats()),
-                             hosts.typed({"tools": [{key: record[key] for key in keys} for record in records]}))
+            expected = {"tools": [{key: record[key] for key in keys} for record in records]}
+            report = self.health.handle_get_tool_performance_stats()
+            self.assertEqual(hosts.typed(report), hosts.typed(expected))
         for key in keys:
             self.host.timings = [one, {other: 1 for other in keys if other != key}]
             self.assertEqual(hosts.outcome(self.health.handle_get_tool_performance_stats),
@@ -37,12 +39,12 @@ class Reports(HealthCase):
                 with mock.patch.object(self.health, "thread_census", return_value=census) as taken:
                     given = self.health.thread_census_report(budget, census=census)
                     taken.assert_not_called()
-                    self.assertEqual(hosts.typed(self.health.thread_census_report(budget)), hosts.typed(expected))
+                    measured = self.health.thread_census_report(budget)
                     taken.assert_called_once_with()
-                self.assertEqual(hosts.typed(given), hosts.typed(expected))
+                self.assertEqual([hosts.typed(given), hosts.typed(measured)], [hosts.typed(expected)] * 2)
                 self.assertIsNot(given["python_by_name"], names)
         falsy = type("Falsy", (hosts.ThreadCensus,), {"__len__": int})
         self.assertEqual(self.health.thread_census_report(5, falsy(None, 1, [("pool", 1)])),
                          {"python": 1, "python_by_name": {"pool": 1}, "budget": 5})
-        for census, error in ((5, AttributeError), (falsy(None, None, {}), TypeError), (falsy(1, 1, 5), TypeError)):
-            self.assertRaises(error, self.health.thread_census_report, 5, census)
+        for census in (5, falsy(None, None, {}), falsy(1, 1, 5)):
+            self.assertRaises((AttributeError, TypeError), self.health.thread_census_report, 5, census)

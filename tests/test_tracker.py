@@ -51,7 +51,8 @@ class Recording(HealthCase):
 
     def test_usage_counts(self):
         tracker, usage = self.host.tracker(), self.health._Usage
-        for action, alias, ms in ((None, False, None), ("", False, 0.0), (None, True, 2), (None, False, 12.5)):
+        for action, alias, ms in (
+                (None, False, None), ("", False, 0.0), (None, True, 2), (None, False, 12.5)):
             self.assertIsNone(tracker.record_call("a", action, "ok", alias_hit=alias, duration_ms=ms))
         self.assertEqual(hosts.typed(tracker._usage), hosts.typed({
             ("a", None, "ok", False): usage(2, 1, 12.5), ("a", "", "ok", False): usage(1, 1, 0.0),
@@ -59,13 +60,15 @@ class Recording(HealthCase):
         self.assertEqual((tracker._state, tracker._dirty, tracker._usage_dirty), ({}, set(), True))
 
     def test_the_lock(self):
-        """The critical sections of each operation, and the host's services that run in (+) or outside (-) one."""
+        """The critical sections of each operation, and the host's services run in (+) or outside (-) one."""
         for call, expected in (
-            ("is_disabled('a')", "lock"), ("is_disabled('off')", "lock +clock +cooldown"), ("limits", ""),
-            ("cooldown_s", "-cooldown"), ("record_success('a')", "lock +clock"), ("has_unsaved_changes", "lock"),
-            ("record_call('a', 5, 'ok', alias_hit=True, duration_ms=1)", "lock"), ("_usage_rows('a')", "-slow"),
-            ("record_error('a', 'E')", "lock +clock +after"), ("get_health_summary()", "lock +slow"),
-            ("flush()", "lock lock"), ("_load()", "lock"), ("_load_usage()", "lock"),
+            ("is_disabled('a')", "lock"), ("is_disabled('off')", "lock +clock +cooldown"),
+            ("limits", ""), ("cooldown_s", "-cooldown"), ("has_unsaved_changes", "lock"),
+            ("record_success('a')", "lock +clock"), ("record_error('a', 'E')", "lock +clock +after"),
+            ("record_call('a', 5, 'ok', alias_hit=True, duration_ms=1)", "lock"),
+            ("get_health_summary()", "lock +slow"), ("_usage_rows('a')", "-slow"), ("flush()", "lock lock"),
+            ("_flush_usage()", "lock"), ("_flush_health()", "lock"), ("_load()", "lock"),
+            ("_load_usage()", "lock"),
         ):
             with self.subTest(call):
                 self.health.time, seen, held = self.clock, [], []
@@ -82,15 +85,16 @@ class Recording(HealthCase):
 
                 tracker._lock, self.health.is_slow_call = lock, service("slow", True)
                 self.health.time = mock.Mock(time=service("clock", T))
-                tracker._limits = type("Limits", (), {"disable_after_errors": property(service("after", 1)),
-                                                      "disable_cooldown_s": property(service("cooldown", 1))})()
+                tracker._limits = type("Limits", (), {
+                    "disable_after_errors": property(service("after", 1)),
+                    "disable_cooldown_s": property(service("cooldown", 1))})()
                 eval(f"tracker.{call}")
                 self.assertEqual((" ".join(seen), held), (expected, []))
 
 
 class Summary(HealthCase):
     def test_ranking(self):
-        """Most errors first, then most calls; ties stay in the order of the state, then of the usage counts."""
+        """Most errors first, then most calls; ties stay in the order of the state, then of the counts."""
         for states, usages, order in (
             ("", "", ""), ("alpha 10 3, beta 50 3, gamma 100 0", "", "beta alpha gamma"),
             ("z 1 1, b 1 1, y 1 1", "", "z b y"), ("z 0 0", "y b z y a", "z y b a"), ("z -1 0", "y", "y z"),
@@ -107,9 +111,11 @@ class Summary(HealthCase):
     def test_rows(self):
         tracker, calls = self.host.tracker(), []
         self.health.is_slow_call = lambda *call: calls.append(call) or len(calls)
-        for *key, count in (("a", "zeta", "ok", False, 5), ("b", None, "ok", True, 1), ("a", None, "ok", True, 5),
-                            ("a", None, "ok", False, 5), ("a", "Al", "ok", False, 5), ("a", "la", "ok", False, 9),
-                            ("a", None, "er", True, 5), ("a", "é", "ok", False, 5), ("a", "None", "ok", True, 5)):
+        for *key, count in (
+            ("a", "zeta", "ok", False, 5), ("b", None, "ok", True, 1), ("a", None, "ok", True, 5),
+            ("a", None, "ok", False, 5), ("a", "Al", "ok", False, 5), ("a", "la", "ok", False, 9),
+            ("a", None, "er", True, 5), ("a", "é", "ok", False, 5), ("a", "None", "ok", True, 5),
+        ):
             tracker._usage[tuple(key)] = self.health._Usage(count)
         rows = [tuple(row.values()) for row in tracker._usage_rows("a")]
         self.assertEqual([(action, outcome, alias, slow) for action, outcome, alias, _, _, slow in rows], [
@@ -130,8 +136,9 @@ class Summary(HealthCase):
              "disabled_at": None, "updated_at": "1970-01-01 00:00:00", "usage": [row]}]))
 
     def test_mean(self):
-        for timed, total, mean in ((0, 5.0, "None"), (3, 10, "3.33"), (1, 2.675, "2.67"), (8, 1.0, "0.12"), (1, 3, "3.0"),
-                                   (1, 0.375, "0.38"), (1, float("inf"), "inf"), (1, 1e300, "1e+300")):
+        for timed, total, mean in (
+                (0, 5.0, "None"), (3, 10, "3.33"), (1, 2.675, "2.67"), (8, 1.0, "0.12"), (1, 3, "3.0"),
+                (1, 0.375, "0.38"), (1, float("inf"), "inf"), (1, 1e300, "1e+300")):
             tracker = self.host.tracker()
             tracker._usage["a", None, "ok", False] = self.health._Usage(9, timed, total)
             self.assertEqual(repr(tracker._usage_rows("a")[0]["avg_ms"]), mean)

@@ -25,6 +25,25 @@ void raise_unbound(const char* variable)
                  "cannot access local variable '%s' where it is not associated with a value", variable);
 }
 
+/// Adds to a set. One that cannot grow for want of memory has taken the name all the same, and finds it when asked
+/// again, as long as it has room: a full one would look for a free place for ever.
+bool add_mark(PyObject* dirty, PyObject* name)
+{
+    const auto* const table = reinterpret_cast<PySetObject*>(dirty);
+    if (table->fill >= table->mask) {
+        PyErr_NoMemory();
+        return false;
+    }
+    if (PySet_Add(dirty, name) == 0) {
+        return true;
+    }
+    if (PyErr_ExceptionMatches(PyExc_MemoryError) == 0) {
+        return false;
+    }
+    PyErr_Clear();
+    return PySet_Add(dirty, name) == 0;
+}
+
 /// `self._dirty.update(marked)`
 bool put_back(const Tracker& tracker, PyObject* marked)
 {
@@ -37,7 +56,7 @@ bool put_back(const Tracker& tracker, PyObject* marked)
     }
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(marked); ++i) {
         const Ref name = Ref::borrow(PyList_GET_ITEM(marked, i));
-        if (PySet_Add(dirty.get(), name.get()) != 0) {
+        if (!add_mark(dirty.get(), name.get())) {
             return false;
         }
     }
@@ -55,21 +74,6 @@ Ref restore_and_raise(const Scope& scope, PyObject* self, Restore restore)
         }
     }
     return {};
-}
-
-/// Runs `restore` for a snapshot that failed for want of memory, under the lock that is held already: what is marked
-/// must not depend on when memory ran out.
-template <class Restore>
-void restore_after_memory_error(Restore restore)
-{
-    if (PyErr_ExceptionMatches(PyExc_MemoryError) == 0) {
-        return;
-    }
-    PyObject* const error = PyErr_GetRaisedException();
-    if (!restore()) {
-        PyErr_Clear();
-    }
-    PyErr_SetRaisedException(error);
 }
 
 /// `(name, call_count, error_count, last_error, disabled_at, updated_at)`, the times as text.
@@ -111,6 +115,7 @@ Ref health_rows(const Scope& scope, const Tracker& tracker, PyObject* marked)
 }
 
 /// The snapshot of the health flush, under the lock: the marked names in order, and their rows; the marks are cleared.
+/// When memory runs out here, they are put back, as far as there is room for them.
 bool take_health(const Scope& scope, const Tracker& tracker, Ref& marked, Ref& rows)
 {
     Ref dirty = tracker.get(tracker_field::dirty);
@@ -125,8 +130,11 @@ bool take_health(const Scope& scope, const Tracker& tracker, Ref& marked, Ref& r
         return false;
     }
     rows = health_rows(scope, tracker, marked.get());
-    if (!rows) {
-        restore_after_memory_error([&] { return put_back(tracker, marked.get()); });
+    if (!rows && PyErr_ExceptionMatches(PyExc_MemoryError) != 0) {
+        const cpython::Handling handling;
+        if (put_back(tracker, marked.get())) {
+            handling.raise_again();
+        }
     }
     return static_cast<bool>(rows);
 }
@@ -258,8 +266,9 @@ struct UsageSnapshot {
 /// Takes it, under the lock, and clears the mark.
 bool take_usage(const Scope& scope, const Tracker& tracker, UsageSnapshot& snapshot)
 {
-    const Ref mark = tracker.get(tracker_field::usage_dirty);
+    Ref mark = tracker.get(tracker_field::usage_dirty);
     const Answer pending = mark ? cpython::truth(mark.get()) : Answer::failed;
+    mark = Ref{};  // a mark of somebody's own dies when it is replaced, not later
     snapshot.pending = pending == Answer::yes;
     if (pending != Answer::yes) {
         return pending == Answer::no;
@@ -278,8 +287,11 @@ bool take_usage(const Scope& scope, const Tracker& tracker, UsageSnapshot& snaps
     case Answer::failed:
         break;
     }
-    if (!snapshot.saved) {
-        restore_after_memory_error([&] { return tracker.mark_usage(true); });
+    if (!snapshot.saved && PyErr_ExceptionMatches(PyExc_MemoryError) != 0) {
+        const cpython::Handling handling;  // the mark stays when memory runs out
+        if (tracker.mark_usage(true)) {
+            handling.raise_again();
+        }
     }
     return static_cast<bool>(snapshot.saved);
 }

@@ -115,6 +115,7 @@ inline Name add{"add"};
 inline Name clear{"clear"};
 inline Name update{"update"};
 inline Name items{"items"};
+inline Name fromkeys{"fromkeys"};
 inline Name sort{"sort"};
 inline Name key{"key"};
 inline Name round{"round"};

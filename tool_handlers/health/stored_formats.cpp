@@ -153,13 +153,25 @@ Ref parse_any(const Scope& scope, PyObject* text)
     return in_utc ? call_method(in_utc.get(), names::timestamp) : Ref{};
 }
 
-/// The same for the fields of a well-formed text, with the original datetime.
-Ref parse_original(const std::array<int, 6>& fields)
+/// A UTC time as a datetime object; a ValueError for one that does not exist.
+Ref utc_moment(const std::array<int, 6>& fields)
 {
     const auto& [year, month, day, hour, minute, second] = fields;
-    const Ref moment = Ref::steal(PyDateTimeAPI->DateTime_FromDateAndTime(
+    return Ref::steal(PyDateTimeAPI->DateTime_FromDateAndTime(
         year, month, day, hour, minute, second, 0, PyDateTime_TimeZone_UTC, PyDateTimeAPI->DateTimeType));
-    return moment ? call_method(moment.get(), names::timestamp) : Ref{};
+}
+
+/// The same for the fields of a well-formed text, with the original datetime. The difference is taken here, as
+/// `timestamp` would: that method needs state of its module which is gone when a destructor runs at the very end.
+Ref parse_original(const std::array<int, 6>& fields)
+{
+    constexpr double seconds_per_day = 86400.0;
+    const Ref moment = utc_moment(fields);
+    const Ref epoch = moment ? utc_moment({1970, 1, 1, 0, 0, 0}) : Ref{};
+    const Ref since = epoch ? Ref::steal(PyNumber_Subtract(moment.get(), epoch.get())) : Ref{};
+    return since ? Ref::steal(PyFloat_FromDouble((PyDateTime_DELTA_GET_DAYS(since.get()) * seconds_per_day) +
+                                                 PyDateTime_DELTA_GET_SECONDS(since.get())))
+                 : Ref{};
 }
 
 /// The nearest multiple of 1 / scale, if arithmetic on doubles finds it for certain. The product is within 2**-13 of

@@ -225,36 +225,25 @@ Ref state_or_default(const Scope& scope, PyObject* states, PyObject* name)
     return type ? originals(scope).tool_state.make(type.get()) : Ref{};
 }
 
-/// Adds what `iterable` gives to the keys of a dictionary, in order; `part` picks from each item, or takes it whole.
-template <class Part>
-bool add_names(const Ref& names, PyObject* iterable, Part part)
-{
-    const Ref items = Ref::steal(PyObject_GetIter(iterable));
-    if (!items) {
-        return false;
-    }
-    while (const Ref item = Ref::steal(PyIter_Next(items.get()))) {
-        const Ref name = part(item);
-        if (!name || PyDict_SetDefaultRef(names.get(), name.get(), Py_None, nullptr) < 0) {
-            return false;
-        }
-    }
-    return PyErr_Occurred() == nullptr;
-}
-
 /// The names of all tools, each at its first place: those with a record, then those with usage counts only.
 Ref tool_names(const Tracker& tracker)
 {
-    const Ref names = Ref::steal(PyDict_New());
-    const Ref states = names ? tracker.get(tracker_field::state) : Ref{};
-    if (!states || !add_names(names, states.get(), [](const Ref& name) { return name.copy(); })) {
+    const Ref states = tracker.get(tracker_field::state);
+    const Ref names = states ? Ref::steal(PySequence_List(states.get())) : Ref{};
+    const Ref usage = names ? tracker.get(tracker_field::usage) : Ref{};
+    const Ref keys = usage ? Ref::steal(PyObject_GetIter(usage.get())) : Ref{};
+    if (!keys) {
         return {};
     }
-    const Ref usage = tracker.get(tracker_field::usage);
-    const bool added = usage && add_names(names, usage.get(), [](const Ref& key) {
-                           return cpython::item(key.get(), Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
-                       });
-    return added ? Ref::steal(PyDict_Keys(names.get())) : Ref{};
+    while (const Ref key = Ref::steal(PyIter_Next(keys.get()))) {
+        if (!append(names, cpython::item(key.get(), Py_GetConstantBorrowed(Py_CONSTANT_ZERO)))) {
+            return {};
+        }
+    }
+    auto* const dict_type = reinterpret_cast<PyObject*>(&PyDict_Type);
+    const Ref unique =
+        PyErr_Occurred() == nullptr ? cpython::call_method(dict_type, names::fromkeys, names.get()) : Ref{};
+    return unique ? Ref::steal(PyDict_Keys(unique.get())) : Ref{};
 }
 
 /// The pairs of name and record, ranked.
@@ -331,21 +320,25 @@ public:
     }
 
 private:
-    /// The place of a tool by name, which is listed if it is new; null for a failure.
+    /// The tool of that name, which is listed if it is new; null for a failure.
     Tool* tool_named(PyObject* name)
     {
-        const Ref next = Ref::steal(PyLong_FromSize_t(tool_count_));
         Ref place;
-        if (!next || PyDict_SetDefaultRef(index_.get(), name, next.get(), place.out()) < 0) {
+        if (PyDict_GetItemRef(index_.get(), name, place.out()) < 0) {
             return nullptr;
         }
-        const std::size_t at = PyLong_AsSize_t(place.get());
-        if (at == tool_count_) {
-            tools_[at].name = Ref::borrow(name);
-            tools_[at].place = at;
-            ++tool_count_;
+        if (place) {
+            return &tools_[PyLong_AsSize_t(place.get())];
         }
-        return &tools_[at];
+        place = Ref::steal(PyLong_FromSize_t(tool_count_));
+        if (!place || PyDict_SetItem(index_.get(), name, place.get()) != 0) {
+            return nullptr;
+        }
+        Tool& tool = tools_[tool_count_];
+        tool.name = Ref::borrow(name);
+        tool.place = tool_count_;
+        ++tool_count_;
+        return &tool;
     }
 
     Answer list_states()
