@@ -4,15 +4,17 @@ Every place where an operation runs foreign code is combined with every mischief
 on its twin: what comes out, what is left in the tracker and whether its lock is free must be the same.
 """
 
+import functools
 import itertools
 import operator
+import os
 import re
 import threading
 import types
 import unittest
 from unittest import mock
 
-from . import HealthCase, hosts
+from . import hosts
 
 OPERATIONS = """t.record_call(NAME, 'text', 'ok', alias_hit=False, duration_ms=MS)
     t.record_call('a', 'text', 'new', alias_hit=True, duration_ms=None) | t.record_success(NAME)
@@ -20,11 +22,11 @@ OPERATIONS = """t.record_call(NAME, 'text', 'ok', alias_hit=False, duration_ms=M
     t.get_health_summary() | t._usage_rows(NAME) | t.has_unsaved_changes | t.cooldown_s | t.flush()
     t._flush_usage() | t._load() | t._load_usage() | t.__init__(t._repo)"""
 # Where foreign code gets in. E(value) stands for the value, and is up to mischief whenever it is asked for anything.
-PLACES = """pass | t._state = {E('a'): t._state['a'], 'off': t._state['off']} | t._dirty = {E('a'), E('b')}
+PLACES = """t._state = {E('a'): t._state['a'], 'off': t._state['off']} | t._dirty = {E('a'), E('b')}
     t._usage = {('x', 'y', 'z', 1): U(1), (E('a'), 'text', 'ok', False): U(3, 2, 1.5), ('a', '', '', True): U(9)}
     t._usage = {('a', E('text'), E('ok'), E(False)): U(3, 2, 1.5), ('a', 'text', 'ok', True): U(3)}
     t._usage = {E(('a', 'text', 'ok', False)): U(3, 2, 1.5), ('a', 'text', '', False): U(4)}
-    A.call_count = E(2) | A.error_count = E(2) | A.last_error = E('boom') | A.disabled_at = E(5.0)
+    A.call_count = E(2) | A.error_count = E(2) | A.disabled_at = E(5.0)
     A.updated_at = E(7.0) | A.consecutive_errors = E(2) | t._state['a'] = E(A) | t._usage[KEY] = E(t._usage[KEY])
     t._usage[KEY].calls = E(4) | t._usage[KEY].timed_calls = E(2) | t._usage[KEY].total_ms = E(4.5)
     NAME = E('a') | MS = E(2.5) | TEXT = E('boom') | t._limits = E(t._limits) | h.time = E(clock)
@@ -38,7 +40,7 @@ PLACES = """pass | t._state = {E('a'): t._state['a'], 'off': t._state['off']} | 
     A.last_error = Dying() | A.updated_at = Dying() | A.disabled_at = Dying(5.0) | t._usage_dirty = Dying(1)
     t._usage[KEY].total_ms = Dying(1.5) | A.call_count = Dying(1) | t._state['new'] = t._state['a'] = Dying(9)"""
 # What it does there; after "again" the tracker's lock is one that its own thread may take twice.
-MISCHIEF = """pass | raise ValueError(NUMBER) | raise KeyboardInterrupt | t._state.clear() | t._usage.clear() | t._dirty.clear()
+MISCHIEF = """raise ValueError(NUMBER) | raise KeyboardInterrupt | t._state.clear() | t._usage.clear() | t._dirty.clear()
     t._state[NUMBER] = S(NUMBER) | t._usage['b', NUMBER, 'ok', False] = U(NUMBER) | vars(t).clear() | t.__dict__ = {}
     t.__dict__ = {**vars(t), '_state': {}, '_dirty': set(), '_usage': {}, '_usage_dirty': 0} | t._state = {}; t._usage = {}
     t._dirty = set() | t._state['a'] = S(70, 70, 'other', 3.0, 4.0, 70); t._usage[KEY] = U(70, 70, 70.0)
@@ -64,7 +66,7 @@ ENTRY = {"tool": "a", "action": "text", "outcome": "ok", "alias_hit": False, "ca
 UNARY = {"int": int, "float": float, "index": operator.index, "neg": operator.neg, "bool": bool, "str": str, "iter": iter, "len": len,
          "enter": lambda lock: type(lock).__enter__(lock), "hash": hash}
 ADDRESS = re.compile(r"0x[0-9a-f]+|id='[0-9]+'")
-BINARY = "add sub truediv iadd eq lt gt ge getitem contains setitem call round exit format".split()
+BINARY = "add sub truediv iadd eq lt gt ge le getitem contains setitem call round exit format".split()
 SWAPPED = {"radd": operator.add, "rsub": operator.sub, "rtruediv": operator.truediv}
 SPECIAL = {"round": round, "format": format, "exit": lambda lock, *error: type(lock).__exit__(lock, *error)}
 
@@ -128,8 +130,8 @@ class Lock:
 class World:
     """A host, and for each operation the names that its statements use, with a tracker that has a history."""
 
-    def __init__(self, implementation, again=False):
-        self.host, self.again = hosts.Host("hostile", implementation), again
+    def __init__(self, implementation):
+        self.host = hosts.Host("hostile", implementation)
         health, cls = self.host.health, self.host.health.ToolHealthTracker
         watched = type("Watched", (cls,), {"__getattribute__": lambda self, name: object.__getattribute__(self, name)})
         frozen = type("Frozen", (cls,), {"__setattr__": lambda self, name, value: 1 // 0})
@@ -171,13 +173,15 @@ class World:
         db.fetchall, db.fetchone = lambda sql: db.rows, lambda sql, key: (names["json"].dumps([ENTRY, ENTRY | {"tool": "gone"}]),)
         db.execute = db.executemany = lambda sql, rows: written.append(repr(rows))
         repo, limits, written = types.SimpleNamespace(db=db), hosts.ToolsConfig(1, 1e12), []
-        health.time, health.threading = clock, types.SimpleNamespace(Lock=threading.RLock) if self.again else threading
+        health.time, code = clock, compile(mischief.removeprefix("again "), "mischief", "exec")
+        if mischief.startswith("again "):
+            health.threading = types.SimpleNamespace(Lock=threading.RLock)
         names |= dict(db=db, clock=clock, repo=repo, limits=limits, t=names["C"](repo, limits), E=lambda value: Evil(act, value),
                       Dying=Dying, NAME="a", MS=2.5, TEXT="boom")
         tracker = names["t"]
         tracker.record_error("off", "boom")
         tracker.record_error("a", "boom")
-        names["A"], code = tracker._state["a"], compile(mischief, "mischief", "exec")
+        names["A"] = tracker._state["a"]
         self.host.warnings.clear()
         result = [hosts.outcome(exec, place, names)]
         tracker, lock = names["t"], vars(names["t"]).get("_lock")
@@ -188,7 +192,8 @@ class World:
         warnings = [(text, repr(arguments)) for text, arguments in self.host.warnings]
         left = vars(tracker).items() if type(tracker).__dict__.get("__slots__") is None else ()
         self.restore()
-        return ADDRESS.sub("", repr((result, hosts.typed(names.pop("answer", None)), next(count), clock.reads, written, warnings, held(lock),
+        done = next(count) - 1
+        return done, ADDRESS.sub("", repr((result, hosts.typed(names.pop("answer", None)), done, clock.reads, written, warnings, held(lock),
                      [(name, hosts.typed(value)) for name, value in left if name not in ("_repo", "_limits", "_lock")])))
 
 
@@ -202,23 +207,55 @@ def split(table):
 
 
 class Hostile(unittest.TestCase):
-    def compare(self, place, mischief):
-        """All operations with this mischief at this place, on the module and on the twin."""
-        again, mischief = mischief.startswith("again "), mischief.removeprefix("again ")
-        told = []
+    def compare(self, place, operations, *mischiefs):
+        """The mischiefs at this place in these operations, on the module and on the twin: which operations ran one."""
+        told = {}
         for implementation in (hosts.MODULE, hosts.PLAIN):
-            world = World(implementation, again)
+            world = World(implementation)
             with world.host:
-                told.append([world.run(place, mischief, operation) for operation in split(OPERATIONS)])
-        for operation, module, plain in zip(split(OPERATIONS), *told):
+                for mischief, operation in itertools.product(mischiefs, operations):
+                    told.setdefault((mischief, operation), []).append(world.run(place, mischief, operation))
+        for (mischief, operation), ((_, module), (_, plain)) in told.items():
             with self.subTest(place, mischief=mischief, operation=operation):
                 self.assertEqual(module, plain)
+        return {operation for (_, operation), (_, (count, _)) in told.items() if count}
 
     def test_mischief(self):
-        for place, mischief in itertools.product(split(PLACES), split(MISCHIEF)):
-            self.compare(place, mischief)
+        for place in split(PLACES):
+            reached = self.compare(place, split(OPERATIONS), "pass")
+            with self.subTest(place):
+                self.assertTrue(reached)
+            self.compare(place, reached, *split(MISCHIEF))
 
     def test_wrong_fields(self):
         fields = "_repo _limits _lock _state _dirty _usage _usage_dirty".split()
         for wrong, field in itertools.product(split(WRONG), fields):
-            self.compare(wrong.replace("FIELD", field), "pass")
+            self.compare(wrong.replace("FIELD", field), split(OPERATIONS), "pass")
+
+
+class Recursion(unittest.TestCase):
+    # Calls that lead back into the module without a line of Python.
+    ENDLESS = """t._limits = type('Own', (), {'disable_cooldown_s': C.cooldown_s})(); t._limits._limits = t._limits / t.cooldown_s
+        h.get_timing_collector = h.handle_get_tool_performance_stats / h.get_timing_collector()
+        h.thread_census = partial(h.thread_census_report, 5) / h.thread_census()
+        t._flush_health = t.flush / t.flush()
+        C._load = staticmethod(partial(C, t._repo)) / C(t._repo)
+        h.TOOLS = Space(get=partial(h._known, action=None)) / h._known('a', None)
+        t._usage = Space(items=partial(t._usage_rows, 'a')) / t._usage_rows('a')
+        t._lock, t._state = threading.RLock(), Space(get=t.is_disabled) / t.is_disabled('a')
+        t._lock, t._dirty = threading.RLock(), Space(add=t.record_success) / t.record_success('a')"""
+
+    def test_endless_recursion(self):
+        if "ASAN_OPTIONS" in os.environ:  # whose frames are larger than what Python's limit was set for
+            self.addCleanup(threading.stack_size, threading.stack_size(1 << 28))
+        for row in self.ENDLESS.splitlines():
+            with self.subTest(row.strip()), hosts.Host("endless") as host:
+                patch, call = row.strip().split(" / ")
+                names, told = {"h": host.health, "C": host.health.ToolHealthTracker, "t": host.tracker(), "threading": threading,
+                               "partial": functools.partial, "Space": types.SimpleNamespace}, []
+                exec(patch, names)
+                thread = threading.Thread(target=lambda: told.append(hosts.outcome(eval, call, names)))
+                thread.start()
+                thread.join()
+                self.assertEqual(told[0][:2], ("raised", "RecursionError"))
+                self.assertEqual(held(names["t"]._lock), "False")
