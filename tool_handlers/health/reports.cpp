@@ -99,7 +99,7 @@ Ref thread_census_report(const Scope& scope, PyObject* const* arguments)
         return {};
     }
     PyObject* const counted = from_os ? os_threads.get() : python_total.get();
-    switch (cpython::compare(counted, budget, Py_GT)) {
+    switch (cpython::is_greater(counted, budget)) {
     case Answer::failed:
         return {};
     case Answer::no:

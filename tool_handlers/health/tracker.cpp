@@ -90,9 +90,9 @@ Ref kept_error_text(PyObject* error)
 /// `now - disabled_at >= self.cooldown_s`
 Answer is_over(PyObject* self, PyObject* now, PyObject* disabled_at)
 {
-    const Ref elapsed = Ref::steal(PyNumber_Subtract(now, disabled_at));
+    const Ref elapsed = cpython::difference(now, disabled_at);
     const Ref cooldown = elapsed ? attr(self, names::cooldown_s) : Ref{};
-    return cooldown ? cpython::compare(elapsed.get(), cooldown.get(), Py_GE) : Answer::failed;
+    return cooldown ? cpython::is_at_least(elapsed.get(), cooldown.get()) : Answer::failed;
 }
 
 /// One successful call of the tool.
@@ -116,7 +116,7 @@ bool disable_if_failing(const ToolStateClass& records, const Tracker& tracker, P
     const Ref run = records.get(state, tool_state::consecutive_errors);
     const Ref settings = run ? tracker.get(tracker_field::limits) : Ref{};
     const Ref limit = settings ? attr(settings.get(), names::disable_after_errors) : Ref{};
-    const Answer reached = limit ? cpython::compare(run.get(), limit.get(), Py_GE) : Answer::failed;
+    const Answer reached = limit ? cpython::is_at_least(run.get(), limit.get()) : Answer::failed;
     if (reached != Answer::yes) {
         return reached == Answer::no;
     }

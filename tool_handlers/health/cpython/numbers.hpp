@@ -12,11 +12,15 @@ inline bool is_small_int(PyObject* object)
            PyUnstable_Long_IsCompact(reinterpret_cast<PyLongObject*>(object)) != 0;
 }
 
+inline Py_ssize_t value_of_small(PyObject* value)
+{
+    return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(value));
+}
+
 /// `value + 1` of such an int.
 inline Ref successor_of_small(PyObject* value)
 {
-    return Ref::steal(
-        PyLong_FromSsize_t(PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(value)) + 1));
+    return Ref::steal(PyLong_FromSsize_t(value_of_small(value) + 1));
 }
 
 /// What `value += other` assigns.
@@ -26,6 +30,36 @@ inline Ref in_place_sum(PyObject* value, PyObject* other)
         return Ref::steal(PyFloat_FromDouble(PyFloat_AS_DOUBLE(value) + PyFloat_AS_DOUBLE(other)));
     }
     return Ref::steal(PyNumber_InPlaceAdd(value, other));
+}
+
+/// `left >= right` as a condition.
+inline Answer is_at_least(PyObject* left, PyObject* right)
+{
+    if (is_small_int(left) && is_small_int(right)) {
+        return value_of_small(left) >= value_of_small(right) ? Answer::yes : Answer::no;
+    }
+    if (PyFloat_CheckExact(left) && PyFloat_CheckExact(right)) {
+        return PyFloat_AS_DOUBLE(left) >= PyFloat_AS_DOUBLE(right) ? Answer::yes : Answer::no;
+    }
+    return compare(left, right, Py_GE);
+}
+
+/// `left > right` as a condition.
+inline Answer is_greater(PyObject* left, PyObject* right)
+{
+    if (is_small_int(left) && is_small_int(right)) {
+        return value_of_small(left) > value_of_small(right) ? Answer::yes : Answer::no;
+    }
+    return compare(left, right, Py_GT);
+}
+
+/// `left - right`
+inline Ref difference(PyObject* left, PyObject* right)
+{
+    if (PyFloat_CheckExact(left) && PyFloat_CheckExact(right)) {
+        return Ref::steal(PyFloat_FromDouble(PyFloat_AS_DOUBLE(left) - PyFloat_AS_DOUBLE(right)));
+    }
+    return Ref::steal(PyNumber_Subtract(left, right));
 }
 
 }  // namespace cpython
