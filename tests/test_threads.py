@@ -89,30 +89,3 @@ class Threads(HealthCase):
         if dice.random() < 0.4:
             raise sqlite3.OperationalError("injected")
         return write(*call)
-
-    def test_waiting_for_foreign_code(self):
-        """Threads that wait while a callback runs under the lock get their turn, whatever it did to the tracker."""
-        tracker, inside, let_go = self.host.tracker(limits=hosts.ToolsConfig(1)), threading.Event(), threading.Event()
-        tracker.record_call("a", "text", "ok", alias_hit=False, duration_ms=1)
-
-        def slow(tool, action):
-            inside.set()
-            self.assertTrue(let_go.wait(30))
-            tracker._state, tracker._usage, tracker._lock = {}, {}, threading.Lock()  # those who wait have the old lock
-            raise OSError("slow")
-
-        def summarise():
-            with contextlib.suppress(OSError):
-                tracker.get_health_summary()
-
-        def late(work):
-            self.assertTrue(inside.wait(30))
-            threading.Timer(0.05, let_go.set).start()
-            work()
-
-        self.health.is_slow_call = slow
-        works = [lambda: tracker.record_success("b"), lambda: tracker.record_error("c", "boom"), lambda: tracker.is_disabled("c"),
-                 lambda: tracker.record_call("b", None, "ok", alias_hit=False, duration_ms=2), lambda: tracker.has_unsaved_changes,
-                 tracker._flush_health, tracker._flush_usage]
-        self.together(summarise, *[lambda work=work: late(work) for work in works])
-        self.assertEqual((set(tracker._state), [key[0] for key in tracker._usage], tracker._lock.locked()), ({*"bc"}, ["b"], False))
