@@ -122,5 +122,5 @@ class Adoption(unittest.TestCase):
         (base / "sources").mkdir()
         (server,) = json.loads(self.code("README.md", "json").replace("/path/to", str(base)))["mcpServers"].values()
         asked = json.dumps({"jsonrpc": "2.0", "id": 1, "method": "tools/list"})
-        answer = self.execute(sys.executable, *server["args"], env=server["env"], input=asked)
+        answer = self.execute(sys.executable, *server["args"], env=server["env"], input=asked, cwd=base)
         self.assertIn("search", [tool["name"] for tool in json.loads(answer)["result"]["tools"]])
