@@ -115,6 +115,38 @@ PyObject* call_interpreted(PyObject* function, PyObject* const* arguments, std::
 /// Whether the keywords are just the last parameters, in order.
 bool are_last_parameters(PyObject* function, PyObject* keywords, std::size_t first);
 
+/// Ends a recursion that never passes through bytecode, say a setting that is a property of ours, with RecursionError.
+/// The interpreter's own check starts a few operations deep, as it costs as much as a look-up and hardly any operation
+/// calls another. The count is of all threads: those that wait inside an operation only make the check start earlier.
+class RecursionGuard {
+public:
+    RecursionGuard()
+        : checked_{++running_ > unchecked_depth}, entered_{!checked_ || Py_EnterRecursiveCall("") == 0}
+    {
+    }
+    ~RecursionGuard()
+    {
+        --running_;
+        if (checked_ && entered_) {
+            Py_LeaveRecursiveCall();
+        }
+    }
+    RecursionGuard(const RecursionGuard&) = delete;
+    RecursionGuard& operator=(const RecursionGuard&) = delete;
+    RecursionGuard(RecursionGuard&&) = delete;
+    RecursionGuard& operator=(RecursionGuard&&) = delete;
+
+    /// False: RecursionError is set.
+    explicit operator bool() const { return entered_; }
+
+private:
+    static constexpr long unchecked_depth = 8;
+    inline static long running_ = 0;  // under the interpreter's lock
+
+    bool checked_;
+    bool entered_;
+};
+
 /// The entry of an operation with so many parameters, of which the last `KeywordOnly` go by name only.
 template <Body body, std::size_t Parameters, std::size_t KeywordOnly>
 PyObject* enter(PyObject* function, PyObject* const* arguments, std::size_t flags, PyObject* keywords)
@@ -124,8 +156,8 @@ PyObject* enter(PyObject* function, PyObject* const* arguments, std::size_t flag
     if (!scope) {
         return call_interpreted(function, arguments, flags, keywords);
     }
-    // Also the end of a recursion that never passes through bytecode, say a setting that is a property of ours.
-    if (Py_EnterRecursiveCall("") != 0) {
+    const RecursionGuard guard;
+    if (!guard) {
         return nullptr;
     }
     const auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flags));
@@ -149,7 +181,6 @@ PyObject* enter(PyObject* function, PyObject* const* arguments, std::size_t flag
             break;
         }
     }
-    Py_LeaveRecursiveCall();
     return result.release();
 }
 
