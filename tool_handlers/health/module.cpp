@@ -4,9 +4,8 @@
 // module's namespace; the only C++ statics are interned strings and function pointers. So the module can be imported
 // again under another package name, or in another (legacy) subinterpreter, and each copy stands on its own.
 #include "operations.hpp"
-#include "reports.hpp"
+#include "originals.hpp"
 #include "stored_formats.hpp"
-#include "tracker.hpp"
 
 namespace health {
 
