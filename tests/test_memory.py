@@ -111,8 +111,6 @@ def sweep(only_one):
                     break
                 names = setting.names()
                 tracker = names["t"]
-                if not only_one:  # marks go back into an emptied set; with no memory for it to grow, that many do
-                    tracker._dirty.intersection_update(TOOLS[:6])
                 pending = set(tracker._dirty)
                 result, error = attempt(code, names, first, only_one and first + 1)
                 written = " ".join(setting.written)

@@ -44,9 +44,30 @@ bool add_mark(PyObject* dirty, PyObject* name)
     return PySet_Add(dirty, name) == 0;
 }
 
-/// `self._dirty.update(marked)`
-bool put_back(const Tracker& tracker, PyObject* marked)
+/// The snapshot of a health flush.
+struct HealthSnapshot {
+    Ref marked;  // the names, in order
+    Ref spare;  // the same as a set of its own, made while there was memory; null if the tracker's is no plain set
+    Ref rows;
+};
+
+/// The last resort when an emptied set cannot grow again: the spare one, with whatever was marked since, takes its
+/// place. Needs no memory unless much was marked since.
+bool use_spare(const Tracker& tracker, PyObject* dirty, PyObject* spare)
 {
+    while (PySet_GET_SIZE(dirty) > 0) {
+        const Ref name = Ref::steal(PySet_Pop(dirty));
+        if (!name || !add_mark(spare, name.get())) {
+            return false;
+        }
+    }
+    return cpython::set_attr(tracker.self(), names::dirty, spare);
+}
+
+/// `self._dirty.update(marked)`
+bool put_back(const Tracker& tracker, const HealthSnapshot& snapshot)
+{
+    PyObject* const marked = snapshot.marked.get();
     const Ref dirty = tracker.get(tracker_field::dirty);
     if (!dirty) {
         return false;
@@ -56,9 +77,14 @@ bool put_back(const Tracker& tracker, PyObject* marked)
     }
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(marked); ++i) {
         const Ref name = Ref::borrow(PyList_GET_ITEM(marked, i));
-        if (!add_mark(dirty.get(), name.get())) {
+        if (add_mark(dirty.get(), name.get())) {
+            continue;
+        }
+        if (!snapshot.spare || PyErr_ExceptionMatches(PyExc_MemoryError) == 0) {
             return false;
         }
+        PyErr_Clear();
+        return use_spare(tracker, dirty.get(), snapshot.spare.get());
     }
     return true;
 }
@@ -114,29 +140,32 @@ Ref health_rows(const Scope& scope, const Tracker& tracker, PyObject* marked)
     return rows;
 }
 
-/// The snapshot of the health flush, under the lock: the marked names in order, and their rows; the marks are cleared.
-/// When memory runs out here, they are put back, as far as there is room for them.
-bool take_health(const Scope& scope, const Tracker& tracker, Ref& marked, Ref& rows)
+/// Takes the snapshot, under the lock: the marked names in order, and their rows; the marks are cleared. When memory
+/// runs out here, they are put back.
+bool take_health(const Scope& scope, const Tracker& tracker, HealthSnapshot& snapshot)
 {
     Ref dirty = tracker.get(tracker_field::dirty);
-    marked = dirty ? Ref::steal(PySequence_List(dirty.get())) : Ref{};
-    if (!marked || PyList_Sort(marked.get()) != 0) {
+    snapshot.marked = dirty ? Ref::steal(PySequence_List(dirty.get())) : Ref{};
+    if (!snapshot.marked || PyList_Sort(snapshot.marked.get()) != 0) {
         return false;
     }
     dirty = tracker.get(tracker_field::dirty);
-    if (!dirty ||
-        !(PySet_CheckExact(dirty.get()) ? PySet_Clear(dirty.get()) == 0
-                                        : static_cast<bool>(call_method(dirty.get(), names::clear)))) {
+    if (dirty && PySet_CheckExact(dirty.get())) {
+        snapshot.spare = Ref::steal(PySet_New(dirty.get()));
+        if (!snapshot.spare || PySet_Clear(dirty.get()) != 0) {
+            return false;
+        }
+    } else if (!dirty || !call_method(dirty.get(), names::clear)) {
         return false;
     }
-    rows = health_rows(scope, tracker, marked.get());
-    if (!rows && PyErr_ExceptionMatches(PyExc_MemoryError) != 0) {
+    snapshot.rows = health_rows(scope, tracker, snapshot.marked.get());
+    if (!snapshot.rows && PyErr_ExceptionMatches(PyExc_MemoryError) != 0) {
         const cpython::Handling handling;
-        if (put_back(tracker, marked.get())) {
+        if (put_back(tracker, snapshot)) {
             handling.raise_again();
         }
     }
-    return static_cast<bool>(rows);
+    return static_cast<bool>(snapshot.rows);
 }
 
 /// The upsert, eight lines.
@@ -333,21 +362,21 @@ Ref flush(const Scope& /*scope*/, PyObject* const* arguments)
 Ref flush_health(const Scope& scope, PyObject* const* arguments)
 {
     PyObject* const self = arguments[0];
-    Ref marked;
-    Ref rows;
-    const Left left = locked(
-        scope, self, [&](const Tracker& tracker) { return take_health(scope, tracker, marked, rows); });
+    HealthSnapshot snapshot;
+    const Left left =
+        locked(scope, self, [&](const Tracker& tracker) { return take_health(scope, tracker, snapshot); });
     if (left != Left::done) {
         if (left == Left::swallowed) {
             raise_unbound("rows");
         }
         return {};
     }
-    if (PyList_GET_SIZE(rows.get()) != 0 && !write_health(scope, self, rows.get())) {
+    PyObject* const rows = snapshot.rows.get();
+    if (PyList_GET_SIZE(rows) != 0 && !write_health(scope, self, rows)) {
         return restore_and_raise(scope, self,
-                                 [&](const Tracker& tracker) { return put_back(tracker, marked.get()); });
+                                 [&](const Tracker& tracker) { return put_back(tracker, snapshot); });
     }
-    return Ref::steal(PyLong_FromSsize_t(PyList_GET_SIZE(rows.get())));
+    return Ref::steal(PyLong_FromSsize_t(PyList_GET_SIZE(rows)));
 }
 
 Ref flush_usage(const Scope& scope, PyObject* const* arguments)
