@@ -45,7 +45,7 @@ public:
     /// A global name: the namespace first, then the builtins, else NameError.
     [[nodiscard]] Ref global(PyObject* name) const;
 
-    /// Whether `value` is a function of this module whose calls end in `entry`, so that its body may be called directly.
+    /// Whether `value` is a function of this module whose calls end in `entry`, so that its body can be called at once.
     [[nodiscard]] bool owns(PyObject* value, vectorcallfunc entry) const;
 
     /// What the import has kept (see `make_keepsake`).
@@ -147,6 +147,25 @@ private:
     bool entered_;
 };
 
+/// The call of an operation whose arguments do not lie in order. Kept apart, so that those that do need no room here.
+template <Body body, std::size_t Parameters, std::size_t KeywordOnly>
+[[gnu::noinline]] Ref call_bound(const Scope& scope, PyObject* function, PyObject* const* arguments,
+                                 std::size_t flags, PyObject* keywords)
+{
+    std::array<PyObject*, Parameters> values{};
+    std::array<Ref, Parameters> defaults{};
+    const auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flags));
+    switch (bind(function, arguments, given, keywords, {values, defaults, KeywordOnly})) {
+    case Answer::yes:
+        return body(scope, values.data());
+    case Answer::no:
+        return Ref::steal(call_interpreted(function, arguments, flags, keywords));
+    case Answer::failed:
+        break;
+    }
+    return {};
+}
+
 /// The entry of an operation with so many parameters, of which the last `KeywordOnly` go by name only.
 template <Body body, std::size_t Parameters, std::size_t KeywordOnly>
 PyObject* enter(PyObject* function, PyObject* const* arguments, std::size_t flags, PyObject* keywords)
@@ -160,27 +179,12 @@ PyObject* enter(PyObject* function, PyObject* const* arguments, std::size_t flag
     if (!guard) {
         return nullptr;
     }
-    const auto given = static_cast<std::size_t>(PyVectorcall_NARGS(flags));
     const bool in_order =
-        given == positional &&
+        static_cast<std::size_t>(PyVectorcall_NARGS(flags)) == positional &&
         (keywords == nullptr ? KeywordOnly == 0 : are_last_parameters(function, keywords, positional));
-    Ref result;
-    if (in_order) {
-        result = body(scope, arguments);
-    } else {
-        std::array<PyObject*, Parameters> values{};
-        std::array<Ref, Parameters> defaults{};
-        switch (bind(function, arguments, given, keywords, {values, defaults, KeywordOnly})) {
-        case Answer::yes:
-            result = body(scope, values.data());
-            break;
-        case Answer::no:
-            result = Ref::steal(call_interpreted(function, arguments, flags, keywords));
-            break;
-        case Answer::failed:
-            break;
-        }
-    }
+    Ref result = in_order
+                     ? body(scope, arguments)
+                     : call_bound<body, Parameters, KeywordOnly>(scope, function, arguments, flags, keywords);
     return result.release();
 }
 
