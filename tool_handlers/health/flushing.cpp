@@ -106,16 +106,17 @@ Ref restore_and_raise(const Scope& scope, PyObject* self, Restore restore)
 Ref health_row(const Scope& scope, PyObject* name, PyObject* state)
 {
     const ToolStateClass& records = originals(scope).tool_state;
-    const Ref calls = records.get(state, tool_state::call_count);
-    const Ref errors = calls ? records.get(state, tool_state::error_count) : Ref{};
-    const Ref last_error = errors ? records.get(state, tool_state::last_error) : Ref{};
+    Ref calls = records.get(state, tool_state::call_count);
+    Ref errors = calls ? records.get(state, tool_state::error_count) : Ref{};
+    Ref last_error = errors ? records.get(state, tool_state::last_error) : Ref{};
     Ref disabled_at = last_error ? records.get(state, tool_state::disabled_at) : Ref{};
     disabled_at = disabled_at ? call_sqlite_time(scope, disabled_at.get()) : Ref{};
     Ref updated_at = disabled_at ? records.get(state, tool_state::updated_at) : Ref{};
     updated_at = updated_at ? call_sqlite_time(scope, updated_at.get()) : Ref{};
-    return updated_at ? Ref::steal(PyTuple_Pack(6, name, calls.get(), errors.get(), last_error.get(),
-                                                disabled_at.get(), updated_at.get()))
-                      : Ref{};
+    return updated_at
+               ? cpython::tuple_of(Ref::borrow(name), std::move(calls), std::move(errors),
+                                   std::move(last_error), std::move(disabled_at), std::move(updated_at))
+               : Ref{};
 }
 
 /// The rows of the named tools that have a record, in the order of the names.

@@ -2,6 +2,8 @@
 
 #include "cpython/special.hpp"
 
+#include <string_view>
+
 namespace health {
 
 using cpython::Answer;
@@ -12,15 +14,23 @@ constexpr std::array tracker_fields{&tracker_field::repo,       &tracker_field::
                                     &tracker_field::state,      &tracker_field::dirty,  &tracker_field::usage,
                                     &tracker_field::usage_dirty};
 
-/// Whether the class, or a base of it, has an attribute that would stand before a field of the instance.
-Answer hides_a_field(PyTypeObject* type)
+/// Whether the fields of such an object are entries of its dictionary: attribute access is the usual one, and neither
+/// the class nor a base of it has an attribute that would stand before a field.
+Answer has_only_entries(PyTypeObject* type)
 {
+    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_setattro != PyObject_GenericSetAttr ||
+        PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT) == 0) {
+        return Answer::no;
+    }
     Ref ignored;
     Answer hidden = Answer::no;
     for (std::size_t i = 0; hidden == Answer::no && i < tracker_fields.size(); ++i) {
         hidden = cpython::find_in_class(type, tracker_fields[i]->name, ignored);
     }
-    return hidden;
+    if (hidden == Answer::failed) {
+        return hidden;
+    }
+    return hidden == Answer::no ? Answer::yes : Answer::no;
 }
 
 }  // namespace
@@ -28,24 +38,36 @@ Answer hides_a_field(PyTypeObject* type)
 bool TrackerClass::learn(PyTypeObject* type)
 {
     plain_.forget();
-    other_.remember(type);
-    if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_setattro != PyObject_GenericSetAttr ||
-        !PyType_HasFeature(type, Py_TPFLAGS_MANAGED_DICT)) {
-        return false;
-    }
-    switch (hides_a_field(type)) {
-    case Answer::yes:
-        return false;
+    other_.forget();
+    cpython::KnownType known;
+    known.remember(type);  // before the look, which may run foreign code that changes the class
+    switch (has_only_entries(type)) {
     case Answer::failed:
         PyErr_Clear();  // for want of memory: the next operation looks again
-        other_.forget();
         return false;
     case Answer::no:
+        other_ = known;
+        return false;
+    case Answer::yes:
         break;
     }
-    other_.forget();
-    plain_.remember(type);
+    learn_cooldown(type);
+    plain_ = known;
     return plain_.is(reinterpret_cast<PyObject*>(type));
+}
+
+void TrackerClass::learn_cooldown(PyTypeObject* type)
+{
+    Ref member;
+    const Answer found = cpython::find_in_class(type, names::cooldown_s, member);
+    if (found == Answer::failed) {
+        PyErr_Clear();
+    }
+    PyMemberDef* const getter = PyProperty_Type.tp_members;
+    const bool is_property = found == Answer::yes && Py_IS_TYPE(member.get(), &PyProperty_Type) &&
+                             std::string_view{getter->name} == "fget";
+    cooldown_ = is_property ? member.get() : nullptr;
+    getter_of_property_ = getter;
 }
 
 bool keep_constants(Originals& originals)
@@ -67,22 +89,20 @@ bool keep_constants(Originals& originals)
 Ref now(const Scope& scope)
 {
     Originals& kept = originals(scope);
-    Ref time = kept.time_module.find(scope.globals(), names::time);
-    if (!time) {
-        time = scope.global(names::time);
-    }
-    if (!time) {
-        return {};
-    }
     // The attribute of a plain module is an entry of its dictionary, and a C function without arguments can be called
     // as the interpreter would: neither needs a bound method or an argument list.
-    const Ref clock = PyModule_CheckExact(time.get())
-                          ? kept.time_function.find(PyModule_GetDict(time.get()), names::time)
-                          : Ref{};
-    if (clock && PyCFunction_CheckExact(clock.get()) && PyCFunction_GET_FLAGS(clock.get()) == METH_NOARGS) {
-        return Ref::steal(PyCFunction_GET_FUNCTION(clock.get())(PyCFunction_GET_SELF(clock.get()), nullptr));
+    PyObject* const module = kept.time_module.find(scope.globals(), names::time);
+    if (module != nullptr && PyModule_CheckExact(module)) {
+        PyObject* const function = kept.time_function.find(PyModule_GetDict(module), names::time);
+        if (function != nullptr && PyCFunction_CheckExact(function) &&
+            PyCFunction_GET_FLAGS(function) == METH_NOARGS) {
+            const Ref clock = Ref::borrow(function);
+            return Ref::steal(
+                PyCFunction_GET_FUNCTION(clock.get())(PyCFunction_GET_SELF(clock.get()), nullptr));
+        }
     }
-    return cpython::call_method(time.get(), names::time);
+    const Ref time = scope.global(names::time);
+    return time ? cpython::call_method(time.get(), names::time) : Ref{};
 }
 
 }  // namespace health

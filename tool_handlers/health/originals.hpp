@@ -30,12 +30,24 @@ public:
         return plain_.is_class_of(self) || (!other_.is_class_of(self) && learn(Py_TYPE(self)));
     }
 
+    /// What the property `cooldown_s` of such a tracker calls by now; null when the class has no such property.
+    [[nodiscard]] Ref cooldown_getter(PyObject* self)
+    {
+        return has_plain_fields(self) && cooldown_ != nullptr
+                   ? Ref::steal(
+                         PyMember_GetOne(reinterpret_cast<const char*>(cooldown_), getter_of_property_))
+                   : Ref{};
+    }
+
 private:
     /// Looks at a class that is new or has changed; raises nothing.
     bool learn(PyTypeObject* type);
+    void learn_cooldown(PyTypeObject* type);
 
     cpython::KnownType plain_;
-    cpython::KnownType other_;  // the last class that was looked at in vain
+    cpython::KnownType other_;                   // the last class that was looked at in vain
+    PyObject* cooldown_ = nullptr;               // not owned: the class keeps it for as long as it is known
+    PyMemberDef* getter_of_property_ = nullptr;  // `property.fget`
 };
 
 struct Originals {

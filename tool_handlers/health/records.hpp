@@ -62,21 +62,20 @@ public:
         return cpython::attr(record, field.name);
     }
 
-    /// `record.field = value`
-    [[nodiscard]] bool set(PyObject* record, const Field& field, PyObject* value) const
+    /// `record.field = value`; false for no value, whose error is set.
+    [[nodiscard]] bool set(PyObject* record, const Field& field, Ref value) const
     {
         if (known_.is_class_of(record)) {
-            return cpython::replace(slot(record, field.index), Ref::borrow(value));
+            return cpython::replace(slot(record, field.index), std::move(value));
         }
-        return cpython::set_attr(record, field.name, value);
+        return value && cpython::set_attr(record, field.name, value.get());
     }
 
     /// `record.field += value`
     [[nodiscard]] bool add(PyObject* record, const Field& field, PyObject* value) const
     {
         const Ref old = get(record, field);
-        const Ref sum = old ? cpython::in_place_sum(old.get(), value) : Ref{};
-        return sum && set(record, field, sum.get());
+        return old && set(record, field, cpython::in_place_sum(old.get(), value));
     }
 
     /// `record.field += 1`
@@ -89,9 +88,9 @@ public:
             }
         }
         const Ref old = get(record, field);
-        const Ref sum =
-            old ? Ref::steal(PyNumber_InPlaceAdd(old.get(), Py_GetConstantBorrowed(Py_CONSTANT_ONE))) : Ref{};
-        return sum && set(record, field, sum.get());
+        return old &&
+               set(record, field,
+                   Ref::steal(PyNumber_InPlaceAdd(old.get(), Py_GetConstantBorrowed(Py_CONSTANT_ONE))));
     }
 
     /// Whether the record's fields can be read in place, all of them being there.

@@ -21,7 +21,7 @@ namespace {
 
 constexpr Py_ssize_t last_error_limit = 500;  // characters (code points) of an error text that are kept
 
-PyObject* zero() { return Py_GetConstantBorrowed(Py_CONSTANT_ZERO); }
+Ref zero() { return Ref::steal(Py_GetConstant(Py_CONSTANT_ZERO)); }
 
 /// The record under `key` in a map of the tracker, which is made and put there when it is missing.
 template <std::size_t Fields>
@@ -87,12 +87,40 @@ Ref kept_error_text(PyObject* error)
     return slice ? cpython::item(error, slice.get()) : Ref{};
 }
 
-/// `now - disabled_at >= self.cooldown_s`
-Answer is_over(PyObject* self, PyObject* now, PyObject* disabled_at)
+/// `self._limits.disable_cooldown_s`
+Ref cooldown_setting(const Tracker& tracker)
 {
-    const Ref elapsed = cpython::difference(now, disabled_at);
-    const Ref cooldown = elapsed ? attr(self, names::cooldown_s) : Ref{};
-    return cooldown ? cpython::is_at_least(elapsed.get(), cooldown.get()) : Answer::failed;
+    const Ref settings = tracker.get(tracker_field::limits);
+    return settings ? attr(settings.get(), names::disable_cooldown_s) : Ref{};
+}
+
+/// `self.cooldown_s`
+Ref cooldown_of(const Scope& scope, const Tracker& tracker)
+{
+    const Ref getter = originals(scope).tracker.cooldown_getter(tracker.self());
+    return getter && scope.owns(getter.get(), cpython::enter<cooldown_s, 1, 0>)
+               ? cooldown_setting(tracker)
+               : attr(tracker.self(), names::cooldown_s);
+}
+
+/// `now - disabled_at >= self.cooldown_s`
+Answer is_over(const Scope& scope, const Tracker& tracker, PyObject* now, PyObject* disabled_at)
+{
+    // Plain floats are compared without making an object of their difference.
+    const bool plain = PyFloat_CheckExact(now) && PyFloat_CheckExact(disabled_at);
+    Ref elapsed = plain ? Ref{} : Ref::steal(PyNumber_Subtract(now, disabled_at));
+    const Ref cooldown = plain || elapsed ? cooldown_of(scope, tracker) : Ref{};
+    if (!cooldown) {
+        return Answer::failed;
+    }
+    if (plain) {
+        const double seconds = PyFloat_AS_DOUBLE(now) - PyFloat_AS_DOUBLE(disabled_at);
+        if (PyFloat_CheckExact(cooldown.get())) {
+            return seconds >= PyFloat_AS_DOUBLE(cooldown.get()) ? Answer::yes : Answer::no;
+        }
+        elapsed = Ref::steal(PyFloat_FromDouble(seconds));
+    }
+    return elapsed ? cpython::is_at_least(elapsed.get(), cooldown.get()) : Answer::failed;
 }
 
 /// One successful call of the tool.
@@ -102,12 +130,10 @@ bool count_success(const Scope& scope, const Tracker& tracker, PyObject* tool_na
     const Ref state = tool_record(scope, tracker, tool_name);
     if (!state || !records.add_one(state.get(), tool_state::call_count) ||
         !records.set(state.get(), tool_state::consecutive_errors, zero()) ||
-        !records.set(state.get(), tool_state::disabled_at, Py_None)) {
+        !records.set(state.get(), tool_state::disabled_at, cpython::none())) {
         return false;
     }
-    const Ref updated_at = now(scope);
-    return updated_at && records.set(state.get(), tool_state::updated_at, updated_at.get()) &&
-           mark_dirty(tracker, tool_name);
+    return records.set(state.get(), tool_state::updated_at, now(scope)) && mark_dirty(tracker, tool_name);
 }
 
 /// Disables the tool, from the time of its last change on, when its run of errors has reached the limit.
@@ -120,8 +146,7 @@ bool disable_if_failing(const ToolStateClass& records, const Tracker& tracker, P
     if (reached != Answer::yes) {
         return reached == Answer::no;
     }
-    const Ref changed_at = records.get(state, tool_state::updated_at);
-    return changed_at && records.set(state, tool_state::disabled_at, changed_at.get());
+    return records.set(state, tool_state::disabled_at, records.get(state, tool_state::updated_at));
 }
 
 /// One failed call of the tool.
@@ -134,12 +159,8 @@ bool count_error(const Scope& scope, const Tracker& tracker, PyObject* tool_name
         !records.add_one(state.get(), tool_state::consecutive_errors)) {
         return false;
     }
-    const Ref text = kept_error_text(error);
-    if (!text || !records.set(state.get(), tool_state::last_error, text.get())) {
-        return false;
-    }
-    const Ref updated_at = now(scope);
-    return updated_at && records.set(state.get(), tool_state::updated_at, updated_at.get()) &&
+    return records.set(state.get(), tool_state::last_error, kept_error_text(error)) &&
+           records.set(state.get(), tool_state::updated_at, now(scope)) &&
            disable_if_failing(records, tracker, state.get()) && mark_dirty(tracker, tool_name);
 }
 
@@ -160,11 +181,11 @@ bool count_call(const Scope& scope, const Tracker& tracker, PyObject* key, PyObj
 
 /// Ends a disablement whose cooldown is over.
 bool enable(const ToolStateClass& records, const Tracker& tracker, PyObject* state, PyObject* tool_name,
-            PyObject* now)
+            Ref now)
 {
     return records.set(state, tool_state::consecutive_errors, zero()) &&
-           records.set(state, tool_state::disabled_at, Py_None) &&
-           records.set(state, tool_state::updated_at, now) && mark_dirty(tracker, tool_name);
+           records.set(state, tool_state::disabled_at, cpython::none()) &&
+           records.set(state, tool_state::updated_at, std::move(now)) && mark_dirty(tracker, tool_name);
 }
 
 /// The answer to `is_disabled`, under the lock.
@@ -178,28 +199,28 @@ Ref disabled_answer(const Scope& scope, const Tracker& tracker, PyObject* tool_n
     if (found == Answer::failed) {
         return {};
     }
-    Ref disabled_at =
+    const Ref disablement =
         found == Answer::yes ? records.get(state.get(), tool_state::disabled_at) : cpython::none();
-    if (!disabled_at || disabled_at.get() == Py_None) {
-        return disabled_at ? originals(scope).enabled.copy() : Ref{};
+    if (!disablement || disablement.get() == Py_None) {
+        return disablement ? originals(scope).enabled.copy() : Ref{};
     }
-    const Ref asked_at = now(scope);
-    disabled_at = asked_at ? records.get(state.get(), tool_state::disabled_at) : Ref{};
+    Ref asked_at = now(scope);
+    const Ref disabled_at = asked_at ? records.get(state.get(), tool_state::disabled_at) : Ref{};
     if (!disabled_at) {
         return {};
     }
-    switch (is_over(tracker.self(), asked_at.get(), disabled_at.get())) {
+    switch (is_over(scope, tracker, asked_at.get(), disabled_at.get())) {
     case Answer::failed:
         return {};
     case Answer::yes:
-        return enable(records, tracker, state.get(), tool_name, asked_at.get())
+        return enable(records, tracker, state.get(), tool_name, std::move(asked_at))
                    ? originals(scope).enabled.copy()
                    : Ref{};
     case Answer::no:
         break;
     }
-    const Ref last_error = records.get(state.get(), tool_state::last_error);
-    return last_error ? Ref::steal(PyTuple_Pack(2, Py_True, last_error.get())) : Ref{};
+    Ref last_error = records.get(state.get(), tool_state::last_error);
+    return last_error ? cpython::tuple_of(cpython::boolean(true), std::move(last_error)) : Ref{};
 }
 
 }  // namespace
@@ -258,7 +279,8 @@ Ref known(const Scope& scope, PyObject* const* arguments)
 Ref record_call(const Scope& scope, PyObject* const* arguments)
 {
     const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
-        const Ref key = Ref::steal(PyTuple_Pack(4, arguments[1], arguments[2], arguments[3], arguments[4]));
+        const Ref key = cpython::tuple_of(Ref::borrow(arguments[1]), Ref::borrow(arguments[2]),
+                                          Ref::borrow(arguments[3]), Ref::borrow(arguments[4]));
         return key && count_call(scope, tracker, key.get(), arguments[5]);
     });
     return result_of(left, cpython::none());
@@ -280,10 +302,9 @@ Ref record_error(const Scope& scope, PyObject* const* arguments)
     return result_of(left, cpython::none());
 }
 
-Ref cooldown_s(const Scope& /*scope*/, PyObject* const* arguments)
+Ref cooldown_s(const Scope& scope, PyObject* const* arguments)
 {
-    const Ref settings = attr(arguments[0], names::limits);
-    return settings ? attr(settings.get(), names::disable_cooldown_s) : Ref{};
+    return cooldown_setting(Tracker{scope, arguments[0]});
 }
 
 Ref is_disabled(const Scope& scope, PyObject* const* arguments)

@@ -12,24 +12,26 @@ namespace health {
 inline constexpr std::size_t key_parts = 4;
 using UsageKey = std::array<Ref, key_parts>;  // tool, action or None, outcome, alias hit
 
-/// A tracker as its operations see it. Nothing of it is kept here: every access reads the object as it is now.
+/// A tracker as its operations see it. No field of it is kept here: every access reads the object as it is now.
 class Tracker {
 public:
-    Tracker(const Scope& scope, PyObject* self) : scope_{scope}, self_{self} {}
+    Tracker(const Scope& scope, PyObject* self) : class_{originals(scope).tracker}, self_{self}
+    {
+        if (class_.has_plain_fields(self)) {
+            fields_ = _PyObject_GetDictPtr(self);  // null for want of memory, without an error
+        }
+    }
 
     [[nodiscard]] PyObject* self() const { return self_; }
 
     /// `self.field`
     [[nodiscard]] Ref get(const Field& field) const
     {
-        if (originals(scope_).tracker.has_plain_fields(self_)) {
+        if (PyObject* const fields = plain_fields()) {
             // The constructor's order is where a field usually is.
-            const Ref fields = Ref::steal(PyObject_GenericGetDict(self_, nullptr));
             const cpython::EntryHint hint{static_cast<Py_ssize_t>(field.index)};
-            if (!fields) {
-                PyErr_Clear();  // no dictionary for want of memory: the general way needs none
-            } else if (Ref value = hint.look(fields.get(), field.name)) {
-                return value;
+            if (PyObject* const value = hint.look(fields, field.name)) {
+                return Ref::borrow(value);
             }
         }
         return cpython::attr(self_, field.name);
@@ -39,18 +41,25 @@ public:
     [[nodiscard]] bool mark_usage(bool value) const
     {
         PyObject* const mark = value ? Py_True : Py_False;
-        if (originals(scope_).tracker.has_plain_fields(self_)) {
-            if (get(tracker_field::usage_dirty).get() == mark) {
+        if (PyObject* const fields = plain_fields()) {
+            const cpython::EntryHint hint{static_cast<Py_ssize_t>(tracker_field::usage_dirty.index)};
+            if (hint.look(fields, names::usage_dirty) == mark) {
                 return true;
             }
-            PyErr_Clear();  // deleted by somebody: it is set anew
         }
         return cpython::set_attr(self_, names::usage_dirty, mark);
     }
 
 private:
-    const Scope& scope_;
+    /// The instance dictionary as long as the fields are just its entries; borrowed until foreign code runs.
+    [[nodiscard]] PyObject* plain_fields() const
+    {
+        return fields_ != nullptr && class_.has_plain_fields(self_) ? *fields_ : nullptr;
+    }
+
+    TrackerClass& class_;
     PyObject* self_;
+    PyObject** fields_ = nullptr;  // where the object has its dictionary, which can be exchanged
 };
 
 // Construction and settings

@@ -4,10 +4,23 @@
 #include "call.hpp"
 
 #include <array>
+#include <concepts>
 #include <new>
 #include <span>
 
 namespace cpython {
+
+/// `(items...)`
+template <std::same_as<Ref>... Items>
+Ref tuple_of(Items... items)
+{
+    Ref tuple = Ref::steal(PyTuple_New(sizeof...(Items)));
+    if (tuple) {
+        Py_ssize_t at = 0;
+        (PyTuple_SET_ITEM(tuple.get(), at++, items.release()), ...);
+    }
+    return tuple;
+}
 
 /// Dictionaries with the same keys in the same order, made by copying one that has them all: a copy is as large as it
 /// has to be from the start. The keys are exact strings, so that no foreign code runs.

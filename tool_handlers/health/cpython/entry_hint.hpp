@@ -14,27 +14,30 @@ public:
     explicit EntryHint(Py_ssize_t position) : position_{position} {}
 
     /// The value under an interned string, if it stands where the hint says; null without an error otherwise.
-    [[nodiscard]] Ref look(PyObject* dict, PyObject* key) const
+    /// Borrowed from the dictionary: good until foreign code runs.
+    [[nodiscard]] PyObject* look(PyObject* dict, PyObject* key) const
     {
         Py_ssize_t position = position_;
-        PyObject* found = nullptr;
-        PyObject* value = nullptr;
-        return PyDict_Next(dict, &position, &found, &value) != 0 && found == key ? Ref::borrow(value) : Ref{};
+        // Not cleared first, as PyDict_Next sets both when it finds one: the processor would guess that they are still
+        // null afterwards, and lose 25 ns for being wrong (measured on Zen 4).
+        PyObject* found;  // NOLINT(cppcoreguidelines-init-variables)
+        PyObject* value;  // NOLINT(cppcoreguidelines-init-variables)
+        return PyDict_Next(dict, &position, &found, &value) != 0 && found == key ? value : nullptr;
     }
 
     /// The same for a dictionary of strings, wherever the entry is; null without an error if there is none.
-    Ref find(PyObject* dict, PyObject* key)
+    PyObject* find(PyObject* dict, PyObject* key)
     {
-        Ref value = look(dict, key);
-        for (Py_ssize_t next = 0; !value;) {
+        PyObject* value = look(dict, key);
+        for (Py_ssize_t next = 0; value == nullptr;) {
             position_ = next;
             PyObject* found = nullptr;
-            PyObject* ignored = nullptr;
-            if (PyDict_Next(dict, &next, &found, &ignored) == 0) {
+            PyObject* candidate = nullptr;
+            if (PyDict_Next(dict, &next, &found, &candidate) == 0) {
                 break;
             }
             if (found == key) {
-                value = Ref::borrow(ignored);
+                value = candidate;
             }
         }
         return value;

@@ -53,13 +53,4 @@ inline Answer is_greater(PyObject* left, PyObject* right)
     return compare(left, right, Py_GT);
 }
 
-/// `left - right`
-inline Ref difference(PyObject* left, PyObject* right)
-{
-    if (PyFloat_CheckExact(left) && PyFloat_CheckExact(right)) {
-        return Ref::steal(PyFloat_FromDouble(PyFloat_AS_DOUBLE(left) - PyFloat_AS_DOUBLE(right)));
-    }
-    return Ref::steal(PyNumber_Subtract(left, right));
-}
-
 }  // namespace cpython
