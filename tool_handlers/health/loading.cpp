@@ -157,16 +157,16 @@ Ref read_document(const Scope& scope, PyObject* self)
 Ref entry_key(PyObject* entry)
 {
     Ref tool = cpython::item(entry, names::tool);
-    tool = tool ? Ref::steal(PyObject_Str(tool.get())) : Ref{};
-    const Ref action = tool ? cpython::item(entry, names::action) : Ref{};
+    tool = tool ? cpython::text_of(tool.get()) : Ref{};
+    Ref action = tool ? cpython::item(entry, names::action) : Ref{};
     Ref outcome = action ? cpython::item(entry, names::outcome) : Ref{};
-    outcome = outcome ? Ref::steal(PyObject_Str(outcome.get())) : Ref{};
+    outcome = outcome ? cpython::text_of(outcome.get()) : Ref{};
     const Ref alias_hit = outcome ? cpython::item(entry, names::alias_hit) : Ref{};
     const Answer by_alias = alias_hit ? cpython::truth(alias_hit.get()) : Answer::failed;
     return by_alias == Answer::failed
                ? Ref{}
-               : Ref::steal(PyTuple_Pack(4, tool.get(), action.get(), outcome.get(),
-                                         by_alias == Answer::yes ? Py_True : Py_False));
+               : cpython::tuple_of(std::move(tool), std::move(action), std::move(outcome),
+                                   cpython::boolean(by_alias == Answer::yes));
 }
 
 /// `_Usage(int(calls), int(timed_calls), float(total_ms))` of an entry.
@@ -222,23 +222,22 @@ Answer is_known(const Scope& scope, PyObject* key)
     return result ? cpython::truth(result.get()) : Answer::failed;
 }
 
-/// The loaded counts whose tool and action the registry still has.
+/// The loaded counts whose tool and action the registry still has: a copy without the others, as there are few.
 Ref known_usage(const Scope& scope, const Ref& loaded)
 {
-    Ref kept = Ref::steal(PyDict_New());
+    Ref kept = Ref::steal(PyDict_Copy(loaded.get()));
     Py_ssize_t position = 0;
     PyObject* key = nullptr;
     PyObject* usage = nullptr;
     while (kept && PyDict_Next(loaded.get(), &position, &key, &usage) != 0) {
         const Ref held_key = Ref::borrow(key);
-        const Ref held_usage = Ref::borrow(usage);
         switch (is_known(scope, held_key.get())) {
         case Answer::yes:
-            if (PyDict_SetItem(kept.get(), held_key.get(), held_usage.get()) != 0) {
-                return {};
-            }
             break;
         case Answer::no:
+            if (PyDict_DelItem(kept.get(), held_key.get()) != 0) {
+                return {};
+            }
             break;
         case Answer::failed:
             return {};

@@ -44,6 +44,12 @@ inline Ref attr(PyObject* object, PyObject* name) { return Ref::steal(PyObject_G
 /// `object[key]`
 inline Ref item(PyObject* object, PyObject* key) { return Ref::steal(PyObject_GetItem(object, key)); }
 
+/// `str(object)`
+inline Ref text_of(PyObject* object)
+{
+    return PyUnicode_CheckExact(object) ? Ref::borrow(object) : Ref::steal(PyObject_Str(object));
+}
+
 /// `callable(*arguments)`
 template <class... Arguments>
 Ref call(PyObject* callable, Arguments... arguments)
