@@ -36,6 +36,7 @@ PLACES = """t._state = {E('a'): t._state['a'], 'off': t._state['off']} | t._dirt
     t._repo = E(t._repo) | db.rows = [E(db.rows[0]), db.rows[1]] | db.rows = E(db.rows)
     db.rows = [('a', E(1), E(2), E('x'), E('2023-11-14 22:13:20'), None), db.rows[1]]
     h.json = types.SimpleNamespace(loads=lambda text: [E(entry) for entry in json.loads(text)], dumps=json.dumps)
+    h.json = types.SimpleNamespace(loads=lambda text: [dict(entry, action=E('text')) for entry in json.loads(text)], dumps=json.dumps)
     t._state = E(t._state) | t._usage = E(t._usage) | t._dirty = E(t._dirty) | t._usage_dirty = E(True) | t._lock = E(t._lock)
     A.last_error = Dying() | A.updated_at = Dying() | A.disabled_at = Dying(5.0) | t._usage_dirty = Dying(1)
     t._usage[KEY].total_ms = Dying(1.5) | A.call_count = Dying(1) | t._state['new'] = t._state['a'] = Dying(9)"""

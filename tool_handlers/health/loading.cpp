@@ -222,22 +222,23 @@ Answer is_known(const Scope& scope, PyObject* key)
     return result ? cpython::truth(result.get()) : Answer::failed;
 }
 
-/// The loaded counts whose tool and action the registry still has: a copy without the others, as there are few.
+/// The loaded counts whose tool and action the registry still has.
 Ref known_usage(const Scope& scope, const Ref& loaded)
 {
-    Ref kept = Ref::steal(PyDict_Copy(loaded.get()));
+    Ref kept = Ref::steal(PyDict_New());
     Py_ssize_t position = 0;
     PyObject* key = nullptr;
     PyObject* usage = nullptr;
     while (kept && PyDict_Next(loaded.get(), &position, &key, &usage) != 0) {
         const Ref held_key = Ref::borrow(key);
+        const Ref held_usage = Ref::borrow(usage);
         switch (is_known(scope, held_key.get())) {
         case Answer::yes:
-            break;
-        case Answer::no:
-            if (PyDict_DelItem(kept.get(), held_key.get()) != 0) {
+            if (PyDict_SetItem(kept.get(), held_key.get(), held_usage.get()) != 0) {
                 return {};
             }
+            break;
+        case Answer::no:
             break;
         case Answer::failed:
             return {};

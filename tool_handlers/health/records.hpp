@@ -62,13 +62,27 @@ public:
         return cpython::attr(record, field.name);
     }
 
+    /// `record.field is None`
+    [[nodiscard]] cpython::Answer is_none(PyObject* record, const Field& field) const
+    {
+        Ref held;
+        PyObject* value = known_.is_class_of(record) ? slot(record, field.index) : nullptr;
+        if (value == nullptr) {
+            held = cpython::attr(record, field.name);
+            value = held.get();
+        }
+        return value != nullptr ? cpython::answer(value == Py_None ? 1 : 0) : cpython::Answer::failed;
+    }
+
     /// `record.field = value`; false for no value, whose error is set.
     [[nodiscard]] bool set(PyObject* record, const Field& field, Ref value) const
     {
         if (known_.is_class_of(record)) {
             return cpython::replace(slot(record, field.index), std::move(value));
         }
-        return value && cpython::set_attr(record, field.name, value.get());
+        const Ref stored =
+            std::move(value);  // dies here, as after the statement, and not in the caller's next line
+        return stored && cpython::set_attr(record, field.name, stored.get());
     }
 
     /// `record.field += value`

@@ -4,7 +4,8 @@
 // put into a record, the settings and the clock, `__exit__` of a replaced lock, and the destructor of whatever value a
 // store pushes out. So every object in use is held by a Ref, nothing is looked up twice that must be the same, a field
 // is replaced before its old value is dropped, and after every call-out the tracker's maps count as changed. No
-// reference into a dictionary or a record outlives the statement that took it.
+// reference into a dictionary or a record outlives the statement that took it. What would be a local variable in Python
+// is one here too, and dies after the lock is released: a destructor that asks the tracker must not find it locked.
 //
 // The critical section runs no bytecode as long as records, settings and clock are what they usually are, so no other
 // thread can get hold of the interpreter, and hence wait for the lock, while it is held.
@@ -104,17 +105,18 @@ Ref cooldown_of(const Scope& scope, const Tracker& tracker)
 }
 
 /// `now - disabled_at >= self.cooldown_s`
-Answer is_over(const Scope& scope, const Tracker& tracker, PyObject* now, PyObject* disabled_at)
+Answer is_over(const Scope& scope, const Tracker& tracker, PyObject* now, Ref disabled_at)
 {
     // Plain floats are compared without making an object of their difference.
-    const bool plain = PyFloat_CheckExact(now) && PyFloat_CheckExact(disabled_at);
-    Ref elapsed = plain ? Ref{} : Ref::steal(PyNumber_Subtract(now, disabled_at));
+    const bool plain = PyFloat_CheckExact(now) && PyFloat_CheckExact(disabled_at.get());
+    Ref elapsed = plain ? Ref{} : Ref::steal(PyNumber_Subtract(now, disabled_at.get()));
+    const double seconds = plain ? PyFloat_AS_DOUBLE(now) - PyFloat_AS_DOUBLE(disabled_at.get()) : 0.0;
+    disabled_at = Ref{};
     const Ref cooldown = plain || elapsed ? cooldown_of(scope, tracker) : Ref{};
     if (!cooldown) {
         return Answer::failed;
     }
     if (plain) {
-        const double seconds = PyFloat_AS_DOUBLE(now) - PyFloat_AS_DOUBLE(disabled_at);
         if (PyFloat_CheckExact(cooldown.get())) {
             return seconds >= PyFloat_AS_DOUBLE(cooldown.get()) ? Answer::yes : Answer::no;
         }
@@ -124,51 +126,52 @@ Answer is_over(const Scope& scope, const Tracker& tracker, PyObject* now, PyObje
 }
 
 /// One successful call of the tool.
-bool count_success(const Scope& scope, const Tracker& tracker, PyObject* tool_name)
+bool count_success(const Scope& scope, const Tracker& tracker, PyObject* tool_name, Ref& state)
 {
     const ToolStateClass& records = originals(scope).tool_state;
-    const Ref state = tool_record(scope, tracker, tool_name);
-    if (!state || !records.add_one(state.get(), tool_state::call_count) ||
-        !records.set(state.get(), tool_state::consecutive_errors, zero()) ||
-        !records.set(state.get(), tool_state::disabled_at, cpython::none())) {
-        return false;
-    }
-    return records.set(state.get(), tool_state::updated_at, now(scope)) && mark_dirty(tracker, tool_name);
+    state = tool_record(scope, tracker, tool_name);
+    return state && records.add_one(state.get(), tool_state::call_count) &&
+           records.set(state.get(), tool_state::consecutive_errors, zero()) &&
+           records.set(state.get(), tool_state::disabled_at, cpython::none()) &&
+           records.set(state.get(), tool_state::updated_at, now(scope)) && mark_dirty(tracker, tool_name);
+}
+
+/// `state.consecutive_errors >= self._limits.disable_after_errors`
+Answer is_failing(const ToolStateClass& records, const Tracker& tracker, PyObject* state)
+{
+    const Ref run = records.get(state, tool_state::consecutive_errors);
+    Ref limit = run ? tracker.get(tracker_field::limits) : Ref{};
+    limit = limit ? attr(limit.get(), names::disable_after_errors) : Ref{};
+    return limit ? cpython::is_at_least(run.get(), limit.get()) : Answer::failed;
 }
 
 /// Disables the tool, from the time of its last change on, when its run of errors has reached the limit.
 bool disable_if_failing(const ToolStateClass& records, const Tracker& tracker, PyObject* state)
 {
-    const Ref run = records.get(state, tool_state::consecutive_errors);
-    const Ref settings = run ? tracker.get(tracker_field::limits) : Ref{};
-    const Ref limit = settings ? attr(settings.get(), names::disable_after_errors) : Ref{};
-    const Answer reached = limit ? cpython::is_at_least(run.get(), limit.get()) : Answer::failed;
-    if (reached != Answer::yes) {
-        return reached == Answer::no;
-    }
-    return records.set(state, tool_state::disabled_at, records.get(state, tool_state::updated_at));
+    const Answer failing = is_failing(records, tracker, state);
+    return failing == Answer::yes
+               ? records.set(state, tool_state::disabled_at, records.get(state, tool_state::updated_at))
+               : failing == Answer::no;
 }
 
 /// One failed call of the tool.
-bool count_error(const Scope& scope, const Tracker& tracker, PyObject* tool_name, PyObject* error)
+bool count_error(const Scope& scope, const Tracker& tracker, PyObject* tool_name, PyObject* error, Ref& state)
 {
     const ToolStateClass& records = originals(scope).tool_state;
-    const Ref state = tool_record(scope, tracker, tool_name);
-    if (!state || !records.add_one(state.get(), tool_state::call_count) ||
-        !records.add_one(state.get(), tool_state::error_count) ||
-        !records.add_one(state.get(), tool_state::consecutive_errors)) {
-        return false;
-    }
-    return records.set(state.get(), tool_state::last_error, kept_error_text(error)) &&
+    state = tool_record(scope, tracker, tool_name);
+    return state && records.add_one(state.get(), tool_state::call_count) &&
+           records.add_one(state.get(), tool_state::error_count) &&
+           records.add_one(state.get(), tool_state::consecutive_errors) &&
+           records.set(state.get(), tool_state::last_error, kept_error_text(error)) &&
            records.set(state.get(), tool_state::updated_at, now(scope)) &&
            disable_if_failing(records, tracker, state.get()) && mark_dirty(tracker, tool_name);
 }
 
 /// One call in the usage counts; `key` is the usage key.
-bool count_call(const Scope& scope, const Tracker& tracker, PyObject* key, PyObject* duration_ms)
+bool count_call(const Scope& scope, const Tracker& tracker, PyObject* key, PyObject* duration_ms, Ref& usage)
 {
     const UsageClass& records = originals(scope).usage;
-    const Ref usage = find_or_make(scope, tracker, tracker_field::usage, key, records, names::usage_record);
+    usage = find_or_make(scope, tracker, tracker_field::usage, key, records, names::usage_record);
     if (!usage || !records.add_one(usage.get(), usage_record::calls)) {
         return false;
     }
@@ -181,39 +184,36 @@ bool count_call(const Scope& scope, const Tracker& tracker, PyObject* key, PyObj
 
 /// Ends a disablement whose cooldown is over.
 bool enable(const ToolStateClass& records, const Tracker& tracker, PyObject* state, PyObject* tool_name,
-            Ref now)
+            PyObject* now)
 {
     return records.set(state, tool_state::consecutive_errors, zero()) &&
            records.set(state, tool_state::disabled_at, cpython::none()) &&
-           records.set(state, tool_state::updated_at, std::move(now)) && mark_dirty(tracker, tool_name);
+           records.set(state, tool_state::updated_at, Ref::borrow(now)) && mark_dirty(tracker, tool_name);
 }
 
 /// The answer to `is_disabled`, under the lock.
-Ref disabled_answer(const Scope& scope, const Tracker& tracker, PyObject* tool_name)
+Ref disabled_answer(const Scope& scope, const Tracker& tracker, PyObject* tool_name, Ref& state,
+                    Ref& asked_at)
 {
     const ToolStateClass& records = originals(scope).tool_state;
     const Ref states = tracker.get(tracker_field::state);
-    Ref state;
-    const Answer found =
-        states ? cpython::get_from(states.get(), tool_name, names::get, state) : Answer::failed;
-    if (found == Answer::failed) {
-        return {};
+    Answer enabled = states ? cpython::get_from(states.get(), tool_name, names::get, state) : Answer::failed;
+    if (enabled != Answer::failed) {
+        enabled = enabled == Answer::no ? Answer::yes : records.is_none(state.get(), tool_state::disabled_at);
     }
-    const Ref disablement =
-        found == Answer::yes ? records.get(state.get(), tool_state::disabled_at) : cpython::none();
-    if (!disablement || disablement.get() == Py_None) {
-        return disablement ? originals(scope).enabled.copy() : Ref{};
+    if (enabled != Answer::no) {
+        return enabled == Answer::yes ? originals(scope).enabled.copy() : Ref{};
     }
-    Ref asked_at = now(scope);
-    const Ref disabled_at = asked_at ? records.get(state.get(), tool_state::disabled_at) : Ref{};
+    asked_at = now(scope);
+    Ref disabled_at = asked_at ? records.get(state.get(), tool_state::disabled_at) : Ref{};
     if (!disabled_at) {
         return {};
     }
-    switch (is_over(scope, tracker, asked_at.get(), disabled_at.get())) {
+    switch (is_over(scope, tracker, asked_at.get(), std::move(disabled_at))) {
     case Answer::failed:
         return {};
     case Answer::yes:
-        return enable(records, tracker, state.get(), tool_name, std::move(asked_at))
+        return enable(records, tracker, state.get(), tool_name, asked_at.get())
                    ? originals(scope).enabled.copy()
                    : Ref{};
     case Answer::no:
@@ -278,26 +278,30 @@ Ref known(const Scope& scope, PyObject* const* arguments)
 
 Ref record_call(const Scope& scope, PyObject* const* arguments)
 {
+    Ref usage;
+    Ref key;
     const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
-        const Ref key = cpython::tuple_of(Ref::borrow(arguments[1]), Ref::borrow(arguments[2]),
-                                          Ref::borrow(arguments[3]), Ref::borrow(arguments[4]));
-        return key && count_call(scope, tracker, key.get(), arguments[5]);
+        key = cpython::tuple_of(Ref::borrow(arguments[1]), Ref::borrow(arguments[2]),
+                                Ref::borrow(arguments[3]), Ref::borrow(arguments[4]));
+        return key && count_call(scope, tracker, key.get(), arguments[5], usage);
     });
     return result_of(left, cpython::none());
 }
 
 Ref record_success(const Scope& scope, PyObject* const* arguments)
 {
+    Ref state;
     const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
-        return count_success(scope, tracker, arguments[1]);
+        return count_success(scope, tracker, arguments[1], state);
     });
     return result_of(left, cpython::none());
 }
 
 Ref record_error(const Scope& scope, PyObject* const* arguments)
 {
+    Ref state;
     const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
-        return count_error(scope, tracker, arguments[1], arguments[2]);
+        return count_error(scope, tracker, arguments[1], arguments[2], state);
     });
     return result_of(left, cpython::none());
 }
@@ -309,9 +313,11 @@ Ref cooldown_s(const Scope& scope, PyObject* const* arguments)
 
 Ref is_disabled(const Scope& scope, PyObject* const* arguments)
 {
+    Ref asked_at;
+    Ref state;
     Ref result;
     const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
-        result = disabled_answer(scope, tracker, arguments[1]);
+        result = disabled_answer(scope, tracker, arguments[1], state, asked_at);
         return static_cast<bool>(result);
     });
     return result_of(left, std::move(result));
