@@ -234,6 +234,27 @@ class Hostile(unittest.TestCase):
         for wrong, field in itertools.product(split(WRONG), fields):
             self.compare(wrong.replace("FIELD", field), split(OPERATIONS), "pass")
 
+    def test_keys_exchanged_during_a_summary(self):
+        """A predicate that takes keys of the usage map and puts others there, at every row of a summary in turn."""
+        changes = """usage['a', 'z', 'ok', False] = usage.popitem()[1] | usage['b', 'z', 'ok', False] = usage.popitem()[1]
+            usage.update([usage.popitem()]) | usage['a', 'z', 'ok', False] = usage.pop(('b', '2', 'ok', False))
+            usage['a', '1', 'ok', False] = usage.pop(('a', '1', 'ok', False)) | usage.clear()"""
+
+        def summary(implementation, at, change):
+            def is_slow_call(tool, action):
+                asked.append((tool, action))
+                return len(asked) == at and exec(change, {"usage": tracker._usage})
+
+            with hosts.Host("exchanged", implementation) as host:
+                asked, tracker, host.health.is_slow_call = [], host.tracker(), is_slow_call
+                for tool, action in ("a", "1"), ("b", "2"), ("a", "3"):
+                    tracker.record_call(tool, action, "ok", alias_hit=False, duration_ms=None)
+                return repr(hosts.outcome(tracker.get_health_summary)), asked, list(tracker._usage)
+
+        for change, at in itertools.product(split(changes), (1, 2, 3)):
+            with self.subTest(change, at=at):
+                self.assertEqual(summary(hosts.MODULE, at, change), summary(hosts.PLAIN, at, change))
+
 
 class Recursion(unittest.TestCase):
     # Calls that lead back into the module without a line of Python.

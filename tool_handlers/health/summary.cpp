@@ -3,8 +3,9 @@
 // A walk over all usage counts for every tool would cost tools times keys. So one pass groups the counts by tool, as
 // positions in the usage map in the order of the map, and a tool's rows are then read at those positions. What the
 // host's `is_slow_call` sees and can do between two rows is the same as during a walk: a record that it changes or
-// replaces shows in the rows to come, keys that it exchanges are met or missed as an iterator would meet or miss them,
-// and a map that it resizes ends the summary with the error of an iteration.
+// replaces shows in the rows to come, keys that it adds or removes are met or missed as an iterator would meet or miss
+// them, and a map that it resizes ends the summary with the error of an iteration. (Only a key that it slips in between
+// others, by taking off the end of the map and putting the very last key back, goes unnoticed.)
 // An overridden `_usage_rows`, a replaced map, or keys that are not what the tracker puts there go the general way.
 #include "cpython/containers.hpp"
 #include "stored_formats.hpp"
@@ -282,6 +283,18 @@ Ref summarise_any(const Scope& scope, const Tracker& tracker)
     return summary;
 }
 
+/// Adds the row of a usage count, if it is one of the tool's.
+bool add_if_of_tool(const Scope& scope, PyObject* tool_name, PyObject* key, PyObject* usage, const Ref& rows)
+{
+    UsageKey parts;
+    if (!cpython::unpack(key, parts)) {
+        return false;
+    }
+    const Answer asked = cpython::compare(parts[0].get(), tool_name, Py_EQ);
+    return asked == Answer::yes ? append(rows, make_row(scope, tool_name, parts, usage))
+                                : asked == Answer::no;
+}
+
 /// The summary over plain maps: dictionaries whose keys and counts are what the tracker puts there.
 class GroupedSummary {
 public:
@@ -464,16 +477,15 @@ private:
         const Ref rows = Ref::steal(PyList_New(0));
         for (Py_ssize_t at = tool.first_entry; rows && at != no_entry;) {
             const Entry& entry = entries_[static_cast<std::size_t>(at)];
-            if (!stands(entry) || !has_grouped_end()) {
-                return walk_on(tool, rows, entry.position);
-            }
             if (!add_row_at(tool, rows, entry.position)) {
                 return {};
             }
-            at = entry.next;
-            if (at == no_entry && !has_grouped_end()) {
-                return walk_on(tool, rows, entry.position + 1);
+            const bool next_stands =
+                entry.next == no_entry || stands(entries_[static_cast<std::size_t>(entry.next)]);
+            if (!next_stands || !has_grouped_end()) {
+                return walk_on(tool, rows, entry.position + 1, at + 1);
             }
+            at = entry.next;
         }
         return rows ? sorted_rows(rows) : Ref{};
     }
@@ -488,14 +500,7 @@ private:
         }
         const Ref held_key = Ref::borrow(key);
         const Ref held_usage = Ref::borrow(usage);
-        UsageKey parts;
-        if (!cpython::unpack(held_key.get(), parts)) {
-            return false;
-        }
-        const Answer asked = cpython::compare(parts[0].get(), tool.name.get(), Py_EQ);
-        if (asked == Answer::failed ||
-            (asked == Answer::yes &&
-             !append(rows, make_row(scope_, tool.name.get(), parts, held_usage.get())))) {
+        if (!add_if_of_tool(scope_, tool.name.get(), held_key.get(), held_usage.get(), rows)) {
             return false;
         }
         if (PyDict_GET_SIZE(usage_.get()) != usage_size_) {
@@ -505,11 +510,16 @@ private:
         return true;
     }
 
-    /// The rest of the walk, from a position on, over a map whose keys somebody has exchanged meanwhile.
-    Ref walk_on(const Tool& tool, const Ref& rows, Py_ssize_t position)
+    /// The rest of the walk, from a position on, over a map whose keys somebody has exchanged meanwhile. An iterator
+    /// gives out no more entries than there were at its start; `met` of them are behind.
+    Ref walk_on(const Tool& tool, const Ref& rows, Py_ssize_t position, Py_ssize_t met)
     {
         for (Py_ssize_t next = position; PyDict_Next(usage_.get(), &next, nullptr, nullptr) != 0;
-             position = next) {
+             position = next, ++met) {
+            if (met == usage_size_) {
+                PyErr_SetString(PyExc_RuntimeError, "dictionary keys changed during iteration");
+                return {};
+            }
             if (!add_row_at(tool, rows, position)) {
                 return {};
             }
@@ -564,11 +574,8 @@ Ref usage_rows(const Scope& scope, PyObject* const* arguments)
     }
     while (const Ref entry = Ref::steal(PyIter_Next(entries.get()))) {
         std::array<Ref, 2> pair;
-        UsageKey key;
-        const bool unpacked = cpython::unpack(entry.get(), pair) && cpython::unpack(pair[0].get(), key);
-        const Answer asked = unpacked ? cpython::compare(key[0].get(), tool_name, Py_EQ) : Answer::failed;
-        if (asked == Answer::failed ||
-            (asked == Answer::yes && !append(rows, make_row(scope, tool_name, key, pair[1].get())))) {
+        if (!cpython::unpack(entry.get(), pair) ||
+            !add_if_of_tool(scope, tool_name, pair[0].get(), pair[1].get(), rows)) {
             return {};
         }
     }
