@@ -1,12 +1,14 @@
-"""The cost of every operation beside plain Python, both measured interleaved in one process.
+"""The cost of the operations beside plain Python, both measured interleaved in one process.
 
     script/bench [--quick] [--json FILE] [--svg FILE]
 
-Every figure is the median over paired rounds; the ratio is the median of the rounds' own ratios. What a round times is
-a loop as a host would write it, loop included. The file names of the modules come in HEALTH_MODULE and FLOOR_MODULE.
+Every time in the table is the median over paired rounds, and the ratio the median of the rounds' own ratios; the
+picture's summary curve takes the best of a few runs. What a round times is a loop as a host would write it, loop
+included. The file names of the modules come in HEALTH_MODULE and FLOOR_MODULE.
 """
 
 import argparse
+import faulthandler
 import gc
 import importlib.util
 import json
@@ -25,6 +27,8 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
 from bench.plot import draw  # noqa: E402  (the checkout has to be importable first)
 from tests.hosts import PLAIN, Host, ThreadCensus, Tool, typed  # noqa: E402
+
+faulthandler.cancel_dump_traceback_later()  # the tests' watchdog
 
 ACTIONS = 5
 SUMMARY_SIZES = [(20, 3), (200, 10), (1000, 5)]
@@ -289,6 +293,8 @@ def main():
     parser.add_argument("--json", type=Path, help="write the figures to this file")
     parser.add_argument("--svg", type=Path, help="draw the picture into this file")
     options = parser.parse_args()
+    if options.quick and options.svg:
+        parser.error("a quick run has too few figures for the picture")
     sides = Side("plainhost", PLAIN), Side("modulehost", None)
     check_equal(sides)
     print(f"{platform.python_implementation()} {platform.python_version()}, {os.cpu_count()} x {platform.machine()}\n")

@@ -1,5 +1,5 @@
 // What no implementation can go under: an operation that does nothing, and one that only takes and releases the lock,
-// both made of the same parts as the module's operations.
+// both made of the same parts as the module's operations (but the lock is found by ordinary attribute access).
 #include "cpython/function.hpp"
 #include "cpython/lock.hpp"
 #include "cpython/names.hpp"

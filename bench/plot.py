@@ -48,8 +48,8 @@ def _summary(points, top, height):
         for (x, y), point in zip(line, [point for point in points if point[which]]):
             yield f'<circle cx="{x:.0f}" cy="{y:.0f}" r="4" fill="{fill}"/>'
             yield _text(x + 8, y + 14, f"{point[which] * 1e3:.2g} ms", size=12)
-    for tools, keys, x in {(point[0], point[0], at(point[0], 1)[0]) for point in points}:
-        yield _text(x, top + height + 22, f"{tools:,} tools", "middle", 12)
+    for tools, _, _ in points:
+        yield _text(at(tools, 1)[0], top + height + 22, f"{tools:,} tools", "middle", 12)
 
 
 def draw(path, rows, points):

@@ -78,7 +78,7 @@ def _directory(text: str) -> Path:
 def _seconds(text: str) -> float:
     seconds = float(text)
     if not 0 < seconds <= threading.TIMEOUT_MAX:
-        raise argparse.ArgumentTypeError("must be more than 0")
+        raise argparse.ArgumentTypeError(f"must be more than 0 and at most {threading.TIMEOUT_MAX:g}")
     return seconds
 
 

@@ -3,7 +3,7 @@ import unittest
 
 from . import hosts
 
-faulthandler.dump_traceback_later(600, exit=True)  # a dead-lock ends, and shows where it is
+faulthandler.dump_traceback_later(280, exit=True)  # a dead-lock shows where it is before CTest ends the test
 
 
 class HealthCase(unittest.TestCase):
