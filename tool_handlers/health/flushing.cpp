@@ -390,7 +390,7 @@ Ref flush_usage(const Scope& scope, PyObject* const* arguments)
         return {};
     }
     if (left == Left::done && !snapshot.pending) {
-        return Ref::borrow(Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
+        return cpython::zero();
     }
     Ref saved = std::move(snapshot.saved);
     if (left == Left::swallowed) {

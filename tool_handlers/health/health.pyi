@@ -59,7 +59,7 @@ def _sqlite_time(epoch: float | None) -> str | None:
     """Epoch seconds as the stored timestamp text, in UTC without the fraction; None for None.
 
     Raises what datetime raises for a time outside the years 1 to 9999 (ValueError,
-    OverflowError). Callable from any thread.
+    OverflowError, OSError). Callable from any thread.
     """
 
 def _epoch(text: str | None) -> float | None:

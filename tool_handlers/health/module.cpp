@@ -1,8 +1,9 @@
 // The module's creation and set-up.
 //
 // The set-up runs once for every module object, in the order of `set_up`, and leaves everything it makes in the
-// module's namespace; the only C++ statics are interned strings and function pointers. So the module can be imported
-// again under another package name, or in another (legacy) subinterpreter, and each copy stands on its own.
+// module's namespace; the only C++ statics are interned strings, constant tables, pointers into the interpreter and the
+// nesting counter of function.hpp. So the module can be imported again under another package name, or in another
+// (legacy) subinterpreter, and each copy stands on its own.
 #include "operations.hpp"
 #include "originals.hpp"
 #include "stored_formats.hpp"
@@ -138,7 +139,11 @@ bool import_names(PyObject* globals, PyObject* module_name, const Names&... want
 Ref host_package(PyObject* globals)
 {
     const Ref name = item(globals, names::dunder_name);
-    if (!name || !PyUnicode_Check(name.get())) {
+    if (!name) {
+        return {};
+    }
+    if (!PyUnicode_Check(name.get())) {
+        PyErr_SetString(PyExc_TypeError, "__name__ must be a string");
         return {};
     }
     Py_ssize_t end = PyUnicode_GET_LENGTH(name.get());

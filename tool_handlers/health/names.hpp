@@ -1,4 +1,4 @@
-// Every name and text that the operations use.
+// The interned names and texts of the operations.
 #pragma once
 
 #include "cpython/names.hpp"

@@ -137,7 +137,7 @@ constinit const cpython::Operation sqlite_time_operation = operation<sqlite_time
     R"(Epoch seconds as the stored timestamp text, in UTC without the fraction; None for None.
 
 Raises what datetime raises for a time outside the years 1 to 9999 (ValueError,
-OverflowError). Callable from any thread.)");
+OverflowError, OSError). Callable from any thread.)");
 
 constinit const cpython::Operation epoch_operation = operation<epoch, epoch_parameters>(
     "_epoch", "float | None",

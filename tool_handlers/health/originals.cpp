@@ -14,8 +14,7 @@ constexpr std::array tracker_fields{&tracker_field::repo,       &tracker_field::
                                     &tracker_field::state,      &tracker_field::dirty,  &tracker_field::usage,
                                     &tracker_field::usage_dirty};
 
-/// Whether the fields of such an object are entries of its dictionary: attribute access is the usual one, and neither
-/// the class nor a base of it has an attribute that would stand before a field.
+/// What `TrackerClass::has_plain_fields` asks, of the class.
 Answer has_only_entries(PyTypeObject* type)
 {
     if (type->tp_getattro != PyObject_GenericGetAttr || type->tp_setattro != PyObject_GenericSetAttr ||

@@ -133,7 +133,6 @@ template class RecordClass<3>;
 
 bool define_records(PyObject* globals, ToolStateClass& tool_state_class, UsageClass& usage_class)
 {
-    const auto zero = [] { return Ref::borrow(Py_GetConstantBorrowed(Py_CONSTANT_ZERO)); };
     const Ref no_time = Ref::steal(PyFloat_FromDouble(0.0));
     return define_record<6>(
                globals, names::tool_state,
@@ -144,12 +143,12 @@ bool define_records(PyObject* globals, ToolStateClass& tool_state_class, UsageCl
                "a restart starts a new run). disabled_at and updated_at are epoch seconds; None\n"
                "for an enabled tool and 0.0 for a record that never changed.",
                tool_state_class,
-               {{{tool_state::call_count, "int", zero()},
-                 {tool_state::error_count, "int", zero()},
+               {{{tool_state::call_count, "int", cpython::zero()},
+                 {tool_state::error_count, "int", cpython::zero()},
                  {tool_state::last_error, "str | None", cpython::none()},
                  {tool_state::disabled_at, "float | None", cpython::none()},
                  {tool_state::updated_at, "float", no_time.copy()},
-                 {tool_state::consecutive_errors, "int", zero()}}}) &&
+                 {tool_state::consecutive_errors, "int", cpython::zero()}}}) &&
            define_record<3>(
                globals, names::usage_record,
                "How many calls one usage key counts, and the time their handlers took.\n"
@@ -157,8 +156,8 @@ bool define_records(PyObject* globals, ToolStateClass& tool_state_class, UsageCl
                "timed_calls of the calls came with a duration; total_ms is the sum of those, in\n"
                "milliseconds.",
                usage_class,
-               {{{usage_record::calls, "int", zero()},
-                 {usage_record::timed_calls, "int", zero()},
+               {{{usage_record::calls, "int", cpython::zero()},
+                 {usage_record::timed_calls, "int", cpython::zero()},
                  {usage_record::total_ms, "float", no_time.copy()}}});
 }
 

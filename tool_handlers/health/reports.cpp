@@ -34,8 +34,8 @@ bool put(const Ref& report, PyObject* key, PyObject* value)
 /// The warning text; the numbers in the form that an f-string gives them.
 Ref warning_text(PyObject* counted, PyObject* budget)
 {
-    const Ref threads = Ref::steal(PyObject_Format(counted, nullptr));
-    const Ref allowed = threads ? Ref::steal(PyObject_Format(budget, nullptr)) : Ref{};
+    const Ref threads = cpython::formatted(counted);
+    const Ref allowed = threads ? cpython::formatted(budget) : Ref{};
     return allowed
                ? Ref::steal(PyUnicode_FromFormat(
                      "The process holds %U threads, more than the %U its pools allow: threads are piling up."

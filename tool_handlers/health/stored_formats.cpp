@@ -258,8 +258,7 @@ Ref whole_or_zero(PyObject* value)
     if (present == Answer::failed) {
         return {};
     }
-    return present == Answer::yes ? Ref::steal(PyNumber_Long(value))
-                                  : Ref::borrow(Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
+    return present == Answer::yes ? Ref::steal(PyNumber_Long(value)) : cpython::zero();
 }
 
 }  // namespace health

@@ -4,7 +4,7 @@
 // put into a record, the settings and the clock, `__exit__` of a replaced lock, and the destructor of whatever value a
 // store pushes out. So every object in use is held by a Ref, nothing is looked up twice that must be the same, a field
 // is replaced before its old value is dropped, and after every call-out the tracker's maps count as changed. No
-// reference into a dictionary or a record outlives the statement that took it. What would be a local variable in Python
+// borrowed reference is used after a line that can run foreign code. What would be a local variable in Python
 // is one here too, and dies after the lock is released: a destructor that asks the tracker must not find it locked.
 //
 // The critical section runs no bytecode as long as records, settings and clock are what they usually are, so no other
@@ -21,8 +21,6 @@ using cpython::set_attr;
 namespace {
 
 constexpr Py_ssize_t last_error_limit = 500;  // characters (code points) of an error text that are kept
-
-Ref zero() { return Ref::steal(Py_GetConstant(Py_CONSTANT_ZERO)); }
 
 /// The record under `key` in a map of the tracker, which is made and put there when it is missing.
 template <std::size_t Fields>
@@ -131,7 +129,7 @@ bool count_success(const Scope& scope, const Tracker& tracker, PyObject* tool_na
     const ToolStateClass& records = originals(scope).tool_state;
     state = tool_record(scope, tracker, tool_name);
     return state && records.add_one(state.get(), tool_state::call_count) &&
-           records.set(state.get(), tool_state::consecutive_errors, zero()) &&
+           records.set(state.get(), tool_state::consecutive_errors, cpython::zero()) &&
            records.set(state.get(), tool_state::disabled_at, cpython::none()) &&
            records.set(state.get(), tool_state::updated_at, now(scope)) && mark_dirty(tracker, tool_name);
 }
@@ -186,7 +184,7 @@ bool count_call(const Scope& scope, const Tracker& tracker, PyObject* key, PyObj
 bool enable(const ToolStateClass& records, const Tracker& tracker, PyObject* state, PyObject* tool_name,
             PyObject* now)
 {
-    return records.set(state, tool_state::consecutive_errors, zero()) &&
+    return records.set(state, tool_state::consecutive_errors, cpython::zero()) &&
            records.set(state, tool_state::disabled_at, cpython::none()) &&
            records.set(state, tool_state::updated_at, Ref::borrow(now)) && mark_dirty(tracker, tool_name);
 }

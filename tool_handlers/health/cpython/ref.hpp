@@ -69,6 +69,7 @@ private:
 }
 
 inline Ref none() { return Ref::borrow(Py_None); }
+inline Ref zero() { return Ref::steal(Py_GetConstant(Py_CONSTANT_ZERO)); }
 inline Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
 
 }  // namespace cpython
