@@ -332,11 +332,10 @@ Ref make_document(const Scope& scope, PyObject* saved)
     const Ref json = scope.global(names::json);
     const Ref dump = json ? attr(json.get(), names::dumps) : Ref{};
     const Ref separators = dump ? Ref::steal(Py_BuildValue("(ss)", ",", ":")) : Ref{};
-    const Ref keywords =
-        separators ? Ref::steal(PyTuple_Pack(1, static_cast<PyObject*>(names::separators))) : Ref{};
-    const std::array<PyObject*, 2> arguments{saved, separators.get()};
-    return keywords ? Ref::steal(PyObject_Vectorcall(dump.get(), arguments.data(), 1, keywords.get()))
-                    : Ref{};
+    return separators
+               ? cpython::call_named(dump.get(),
+                                     std::array{cpython::Named{names::separators, separators.get()}}, saved)
+               : Ref{};
 }
 
 /// `self._repo.db.execute(statement, (TOOL_USAGE_KEY, document))`

@@ -12,6 +12,7 @@ namespace health {
 using cpython::Answer;
 using cpython::append;
 using cpython::call_method;
+using cpython::Named;
 
 namespace {
 
@@ -98,14 +99,11 @@ Ref make_state(const Scope& scope, const HealthRow& columns)
         values[5] = records.default_of(tool_state::consecutive_errors).copy();
         return records.make_original(type.get(), values);
     }
-    const Ref keywords = Ref::steal(
-        PyTuple_Pack(5, static_cast<PyObject*>(names::call_count), static_cast<PyObject*>(names::error_count),
-                     static_cast<PyObject*>(names::last_error), static_cast<PyObject*>(names::disabled_at),
-                     static_cast<PyObject*>(names::updated_at)));
-    const std::array<PyObject*, 5> arguments{values[0].get(), values[1].get(), values[2].get(),
-                                             values[3].get(), values[4].get()};
-    return keywords ? Ref::steal(PyObject_Vectorcall(type.get(), arguments.data(), 0, keywords.get()))
-                    : Ref{};
+    return cpython::call_named(type.get(), std::array{Named{names::call_count, values[0].get()},
+                                                      Named{names::error_count, values[1].get()},
+                                                      Named{names::last_error, values[2].get()},
+                                                      Named{names::disabled_at, values[3].get()},
+                                                      Named{names::updated_at, values[4].get()}});
 }
 
 /// Puts the rows of registered tools into the state, under the lock.

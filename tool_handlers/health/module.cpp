@@ -15,6 +15,7 @@ namespace {
 using cpython::Answer;
 using cpython::call;
 using cpython::item;
+using cpython::Named;
 
 bool bind(PyObject* globals, PyObject* name, const Ref& value)
 {
@@ -91,15 +92,10 @@ void raise_cannot_import(PyObject* module, PyObject* name)
               "circular import) (%U)"
             : "cannot import name %R from %R (%U)",
         name, module_name.get(), place.get()));
-    const Ref keywords = text ? Ref::steal(PyTuple_Pack(3, static_cast<PyObject*>(names::name),
-                                                        static_cast<PyObject*>(names::path),
-                                                        static_cast<PyObject*>(names::name_from)))
-                              : Ref{};
-    const std::array<PyObject*, 4> arguments{text.get(), module_name.get(), origin ? origin.get() : Py_None,
-                                             name};
-    const Ref error =
-        keywords ? Ref::steal(PyObject_Vectorcall(PyExc_ImportError, arguments.data(), 1, keywords.get()))
-                 : Ref{};
+    const std::array named{Named{names::name, module_name.get()},
+                           Named{names::path, origin ? origin.get() : Py_None},
+                           Named{names::name_from, name}};
+    const Ref error = text ? cpython::call_named(PyExc_ImportError, named, text.get()) : Ref{};
     if (error) {
         PyErr_SetObject(PyExc_ImportError, error.get());
     }

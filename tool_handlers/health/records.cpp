@@ -44,12 +44,8 @@ Ref make_class(PyObject* globals, PyObject* name, const char* doc,
 Ref make_decorator(PyObject* globals)
 {
     const Ref dataclass = cpython::item(globals, names::dataclass);
-    const Ref keywords = Ref::steal(PyTuple_Pack(1, static_cast<PyObject*>(names::slots)));
-    if (!dataclass || !keywords) {
-        return {};
-    }
-    const std::array<PyObject*, 1> arguments{Py_True};
-    return Ref::steal(PyObject_Vectorcall(dataclass.get(), arguments.data(), 0, keywords.get()));
+    return dataclass ? cpython::call_named(dataclass.get(), std::array{cpython::Named{names::slots, Py_True}})
+                     : Ref{};
 }
 
 template <std::size_t Fields>

@@ -11,6 +11,7 @@ namespace health {
 using cpython::Answer;
 using cpython::attr;
 using cpython::call_method;
+using cpython::Named;
 
 namespace {
 
@@ -144,12 +145,8 @@ Ref parse_any(const Scope& scope, PyObject* text)
     const Ref replace = moment ? attr(moment.get(), names::replace) : Ref{};
     const Ref timezone = replace ? scope.global(names::timezone) : Ref{};
     const Ref utc = timezone ? attr(timezone.get(), names::utc) : Ref{};
-    const Ref keywords = utc ? Ref::steal(PyTuple_Pack(1, static_cast<PyObject*>(names::tzinfo))) : Ref{};
-    if (!keywords) {
-        return {};
-    }
-    const std::array<PyObject*, 1> arguments{utc.get()};
-    const Ref in_utc = Ref::steal(PyObject_Vectorcall(replace.get(), arguments.data(), 0, keywords.get()));
+    const Ref in_utc =
+        utc ? cpython::call_named(replace.get(), std::array{Named{names::tzinfo, utc.get()}}) : Ref{};
     return in_utc ? call_method(in_utc.get(), names::timestamp) : Ref{};
 }
 

@@ -60,6 +60,29 @@ Ref call(PyObject* callable, Arguments... arguments)
                                           sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
+/// An argument that is passed by its name, both borrowed.
+struct Named {
+    PyObject* name;
+    PyObject* value;
+};
+
+/// `callable(*arguments, **named)`
+template <std::size_t Count, class... Arguments>
+Ref call_named(PyObject* callable, const std::array<Named, Count>& named, Arguments... arguments)
+{
+    std::array<PyObject*, sizeof...(Arguments) + Count + 1> stack{nullptr, arguments...};
+    const Ref keywords = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(Count)));
+    if (!keywords) {
+        return {};
+    }
+    for (std::size_t i = 0; i < Count; ++i) {
+        PyTuple_SET_ITEM(keywords.get(), static_cast<Py_ssize_t>(i), Py_NewRef(named[i].name));
+        stack[1 + sizeof...(Arguments) + i] = named[i].value;
+    }
+    return Ref::steal(PyObject_Vectorcall(
+        callable, stack.data() + 1, sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET, keywords.get()));
+}
+
 /// `object.name(*arguments)`
 template <class... Arguments>
 Ref call_method(PyObject* object, PyObject* name, Arguments... arguments)

@@ -102,9 +102,8 @@ template <std::size_t Count>
 [[nodiscard]] inline bool sort_by(PyObject* list, PyObject* sort, PyObject* key, PyMethodDef& function)
 {
     const Ref rank = Ref::steal(PyCFunction_New(&function, nullptr));
-    const Ref keywords = rank ? Ref::steal(PyTuple_Pack(1, key)) : Ref{};
-    const std::array<PyObject*, 2> arguments{list, rank.get()};
-    return keywords && Ref::steal(PyObject_VectorcallMethod(sort, arguments.data(), 1, keywords.get()));
+    const Ref method = rank ? attr(list, sort) : Ref{};
+    return method && call_named(method.get(), std::array{Named{key, rank.get()}});
 }
 
 /// Scratch memory for the time of a call: so many default-made elements, or none and a MemoryError.

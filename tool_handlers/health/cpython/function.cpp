@@ -75,15 +75,8 @@ Keepsake* keepsake_of(const PyFunctionObject* function)
 void raise_name_error(PyObject* name)
 {
     const Ref text = Ref::steal(PyUnicode_FromFormat("name '%.200U' is not defined", name));
-    if (!text) {
-        return;
-    }
-    const Ref keywords = Ref::steal(PyTuple_Pack(1, static_cast<PyObject*>(names::name)));
-    if (!keywords) {
-        return;
-    }
-    const std::array<PyObject*, 2> arguments{text.get(), name};
-    const Ref error = Ref::steal(PyObject_Vectorcall(PyExc_NameError, arguments.data(), 1, keywords.get()));
+    const Ref error =
+        text ? call_named(PyExc_NameError, std::array{Named{names::name, name}}, text.get()) : Ref{};
     if (error) {
         PyErr_SetObject(PyExc_NameError, error.get());
     }

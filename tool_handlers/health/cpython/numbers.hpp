@@ -17,6 +17,17 @@ inline Py_ssize_t value_of_small(PyObject* value)
     return PyUnstable_Long_CompactValue(reinterpret_cast<PyLongObject*>(value));
 }
 
+/// An int, no subclass, as a machine integer; false when it is none or too large. Runs no foreign code, sets no error.
+inline bool as_number(PyObject* object, long long& number)
+{
+    if (!PyLong_CheckExact(object)) {
+        return false;
+    }
+    int overflow = 0;
+    number = PyLong_AsLongLongAndOverflow(object, &overflow);
+    return overflow == 0;
+}
+
 /// `value + 1` of such an int. It is far from the end of a `long`, from which ints are made the quickest.
 inline Ref successor_of_small(PyObject* value)
 {
