@@ -127,13 +127,7 @@ def _play(directory: Path, scratch: Path, log: IO[str]) -> None:
     _ask(agent, OK, "search", {"action": "text", "pattern": "TODO", "max_results": 3})
     _ask(agent, OK, "get_tool_performance_stats", {})
 
-    print("\nThe tools' health, the worst first")
-    _print_table(_health(agent).values())
-    threads = json.loads(agent.call("status", {})[1])["threads"]
-    names = ", ".join(f"{name} {count}" for name, count in threads["python_by_name"].items())
-    print(f"\nthreads: {threads.get('os', 'unknown')} of at most {threads['budget']} (Python knows {names})")
-    if "warning" in threads:
-        print(threads["warning"])
+    _print_status(agent)
     _end(agent)
 
 
@@ -168,6 +162,16 @@ def _health(agent: Client) -> dict[str, dict[str, Any]]:
     """The health of each tool by name, as the status tool answers it."""
     records = json.loads(agent.call("status", {})[1])["perf_stats"]
     return {record["tool_name"]: record for record in records}
+
+
+def _print_status(agent: Client) -> None:
+    print("\nThe tools' health, the worst first")
+    _print_table(_health(agent).values())
+    threads = json.loads(agent.call("status", {})[1])["threads"]
+    names = ", ".join(f"{name} {count}" for name, count in threads["python_by_name"].items())
+    print(f"\nthreads: {threads.get('os', 'unknown')} of at most {threads['budget']} (Python knows {names})")
+    if "warning" in threads:
+        print(threads["warning"])
 
 
 def _print_table(records: Iterable[dict[str, Any]]) -> None:
