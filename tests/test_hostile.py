@@ -53,7 +53,7 @@ MISCHIEF = """raise ValueError(NUMBER) | raise KeyboardInterrupt | t._state.clea
     S.__setattr__ = lambda self, name, value: object.__setattr__(self, name, 8) | t.__class__ = Watched
     again t.record_error('a', 'again') | again t.record_success('z') | again t.flush() | again t.get_health_summary()
     again t._load(), t._load_usage() | t._lock.release() | h.time = h.is_slow_call = None
-    del h._sqlite_time, h._ToolState, h._Usage | h.TOOLS = {} | gc.collect()"""
+    del h._sqlite_time, h._ToolState, h._Usage | h._sqlite_time = [str, type][NUMBER % 2] | h.TOOLS = {} | gc.collect()"""
 # What a tracker's field is set to, or found to be.
 WRONG = """del t.FIELD | t.FIELD = None | t.FIELD = 5 | t.FIELD = 'ab' | t.FIELD = [] | t.FIELD = ['ab', ('a', 'b', 'c', 'd')]
     t.FIELD = {} | t.FIELD = {'a': 5, 'off': None} | t.FIELD = {None: U(), 5: S()} | t.FIELD = {('a', 'text', 'ok', False): 5}
@@ -62,8 +62,8 @@ WRONG = """del t.FIELD | t.FIELD = None | t.FIELD = 5 | t.FIELD = 'ab' | t.FIELD
     t.FIELD = types.MappingProxyType({'a': S(3)}) | t.FIELD = mock.MagicMock(**{'get.return_value': S(1)}, __repr__=lambda _: '')
     t.FIELD = threading.RLock() | t.FIELD = Lock(enter=OSError('enter')) | t.FIELD = Lock(exit=OSError('exit')) | t.FIELD = Lock(1)
     t.FIELD = Lock(0, __exit__=None) | t.FIELD = threading.Condition(t._lock) | t.FIELD = threading.Semaphore()
-    C.FIELD = property(lambda self: vars(self)['FIELD']) | C.FIELD = 5 | t.__class__ = Watched | t.__class__ = Frozen; t.FIELD
-    t = Slots(repo, limits); t.FIELD | t.FIELD = type(t.FIELD)() | t._state = t.FIELD | t._usage = t.FIELD | t._dirty = t.FIELD"""
+    C.FIELD = property(lambda self: (bool(E(1)), vars(self)['FIELD'])[1]) | C.FIELD = 5 | t.__class__ = Watched
+    t.__class__ = Frozen; t.FIELD | t = Slots(repo, limits); t.FIELD | t.FIELD = type(t.FIELD)() | t._state = t.FIELD | t._usage = t.FIELD | t._dirty = t.FIELD"""
 ENTRY = {"tool": "a", "action": "text", "outcome": "ok", "alias_hit": False, "calls": 5, "timed_calls": 2, "total_ms": 6.25}
 UNARY = {"int": int, "float": float, "index": operator.index, "neg": operator.neg, "bool": bool, "str": str, "iter": iter, "len": len,
          "enter": lambda lock: type(lock).__enter__(lock), "hash": hash}

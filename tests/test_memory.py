@@ -133,10 +133,34 @@ def sweep(only_one):
     print("\n".join(map(str, told)), end="")
 
 
+def mark_many():
+    """A set of marks that may not grow gets full; it takes marks again as soon as there is memory."""
+    import _testcapi
+    with hosts.Host("full") as host:
+        tracker, names = host.tracker(), [f"tool{i}" for i in range(12)]
+        record = tracker.record_success
+        tracker._state.update((name, host.health._ToolState()) for name in names)
+        for name in names:
+            list(map(float, range(90)))  # the clock's reading takes one of those
+            _testcapi.set_nomemory(0, 0)
+            try:
+                record(name)
+            except MemoryError:
+                pass
+            finally:
+                _testcapi.remove_mem_hooks()
+        for name in names:
+            record(name)
+        assert tracker._dirty == {*names}, tracker._dirty
+
+
 @unittest.skipIf(hasattr(sys, "gettotalrefcount"), "a debug interpreter aborts in its own code when memory gives out")
 class Allocations(unittest.TestCase):
     def test_memory_gives_out(self):
         children.check(self, "from tests import test_memory; test_memory.sweep(0)")
+
+    def test_marks_without_memory(self):
+        children.check(self, "from tests import test_memory; test_memory.mark_many()", timeout=30)
 
     def test_one_allocation_fails(self):
         children.check(self, "from tests import test_memory; test_memory.sweep(1)")

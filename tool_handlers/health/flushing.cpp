@@ -25,23 +25,21 @@ void raise_unbound(const char* variable)
                  "cannot access local variable '%s' where it is not associated with a value", variable);
 }
 
-/// Adds to a set. One that cannot grow for want of memory has taken the name all the same, and finds it when asked
-/// again, as long as it has room: a full one would look for a free place for ever.
+/// Adds to a set; one that could not grow may hold the name all the same.
 bool add_mark(PyObject* dirty, PyObject* name)
 {
-    const auto* const table = reinterpret_cast<PySetObject*>(dirty);
-    if (table->fill >= table->mask) {
-        PyErr_NoMemory();
-        return false;
-    }
-    if (PySet_Add(dirty, name) == 0) {
+    if (cpython::add_to_set(dirty, name, names::update)) {
         return true;
     }
     if (PyErr_ExceptionMatches(PyExc_MemoryError) == 0) {
         return false;
     }
     PyErr_Clear();
-    return PySet_Add(dirty, name) == 0;
+    const int kept = PySet_Contains(dirty, name);
+    if (kept == 0) {
+        PyErr_NoMemory();
+    }
+    return kept > 0;
 }
 
 /// The snapshot of a health flush.
@@ -109,10 +107,8 @@ Ref health_row(const Scope& scope, PyObject* name, PyObject* state)
     Ref calls = records.get(state, tool_state::call_count);
     Ref errors = calls ? records.get(state, tool_state::error_count) : Ref{};
     Ref last_error = errors ? records.get(state, tool_state::last_error) : Ref{};
-    Ref disabled_at = last_error ? records.get(state, tool_state::disabled_at) : Ref{};
-    disabled_at = disabled_at ? call_sqlite_time(scope, disabled_at.get()) : Ref{};
-    Ref updated_at = disabled_at ? records.get(state, tool_state::updated_at) : Ref{};
-    updated_at = updated_at ? call_sqlite_time(scope, updated_at.get()) : Ref{};
+    Ref disabled_at = last_error ? time_of(scope, state, tool_state::disabled_at) : Ref{};
+    Ref updated_at = disabled_at ? time_of(scope, state, tool_state::updated_at) : Ref{};
     return updated_at
                ? cpython::tuple_of(Ref::borrow(name), std::move(calls), std::move(errors),
                                    std::move(last_error), std::move(disabled_at), std::move(updated_at))
@@ -391,13 +387,13 @@ Ref flush_usage(const Scope& scope, PyObject* const* arguments)
     if (left == Left::done && !snapshot.pending) {
         return cpython::zero();
     }
-    Ref saved = std::move(snapshot.saved);
+    Ref saved;
     if (left == Left::swallowed) {
         raise_unbound("saved");
-    } else if (!saved) {
-        saved = entries_of_copy(scope, snapshot.copy.get());
+    } else {
+        saved = snapshot.saved ? std::move(snapshot.saved) : entries_of_copy(scope, snapshot.copy.get());
     }
-    if (left == Left::swallowed || !saved || !write_usage(scope, self, saved.get())) {
+    if (!saved || !write_usage(scope, self, saved.get())) {
         return restore_and_raise(scope, self,
                                  [](const Tracker& tracker) { return tracker.mark_usage(true); });
     }

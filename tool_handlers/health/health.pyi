@@ -127,9 +127,10 @@ class ToolHealthTracker:
         repository is the host's Repository; only its db connection is used. limits says when a
         failing tool is disabled and for how long; None takes the defaults.
 
-        A history that cannot be read is logged as a warning and left out. What is raised: an error
-        of ToolsConfig() or of the registry, and the error of a stored row that holds no counts or
-        times (ValueError, TypeError, OverflowError).
+        A history that cannot be read, or whose removed tools cannot be deleted, is logged as a
+        warning and left out. What is raised: an error of ToolsConfig(), one of the registry when it
+        is asked about what was read, and the error of a stored row that holds no counts or times
+        (ValueError, TypeError, OverflowError).
         """
 
     @property
@@ -177,7 +178,8 @@ class ToolHealthTracker:
 
         The first 500 characters of error are kept. The tool is disabled, from now on, when its run
         of errors reaches the setting disable_after_errors. Touches memory only and never waits for
-        the database; callable from any thread. Raises only what reading the setting raises.
+        the database; callable from any thread. For a hashable name it raises only what reading and
+        comparing the setting raise.
         """
 
     @property
@@ -190,7 +192,8 @@ class ToolHealthTracker:
         (True, last error) means that the call is to be refused, else (False, None). The first
         question after the cooldown re-enables the tool and answers (False, None). An unknown tool
         is not disabled. Touches memory only and never waits for the database; callable from any
-        thread. Raises only what reading the setting disable_cooldown_s raises.
+        thread. For a hashable name it raises only what reading and comparing the setting
+        disable_cooldown_s raise.
         """
 
     def get_health_summary(self) -> list[dict[str, Any]]:

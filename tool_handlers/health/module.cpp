@@ -78,12 +78,12 @@ void raise_cannot_import(PyObject* module, PyObject* name)
     if (PyObject_GetOptionalAttr(module, names::dunder_name, module_name.out()) < 0) {
         return;
     }
-    if (!module_name || !PyUnicode_Check(module_name.get())) {
-        module_name = Ref::steal(PyUnicode_FromString("<unknown module name>"));
-    }
+    const bool is_named = module_name && PyUnicode_Check(module_name.get());
+    const Ref shown_name =
+        is_named ? module_name.copy() : Ref::steal(PyUnicode_FromString("<unknown module name>"));
     const Ref origin = origin_of(module);
     const Ref place = origin ? origin.copy() : Ref::steal(PyUnicode_FromString("unknown location"));
-    if (!module_name || !place) {
+    if (!shown_name || !place) {
         return;
     }
     const Ref text = Ref::steal(PyUnicode_FromFormat(
@@ -91,8 +91,8 @@ void raise_cannot_import(PyObject* module, PyObject* name)
             ? "cannot import name %R from partially initialized module %R (most likely due to a "
               "circular import) (%U)"
             : "cannot import name %R from %R (%U)",
-        name, module_name.get(), place.get()));
-    const std::array named{Named{names::name, module_name.get()},
+        name, shown_name.get(), place.get()));
+    const std::array named{Named{names::name, is_named ? module_name.get() : Py_None},
                            Named{names::path, origin ? origin.get() : Py_None},
                            Named{names::name_from, name}};
     const Ref error = text ? cpython::call_named(PyExc_ImportError, named, text.get()) : Ref{};

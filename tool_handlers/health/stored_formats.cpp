@@ -217,15 +217,17 @@ Ref epoch(const Scope& scope, PyObject* const* arguments)
     return seconds ? std::move(seconds) : unreadable_is_none();
 }
 
-Ref call_sqlite_time(const Scope& scope, PyObject* epoch)
+Ref time_of(const Scope& scope, PyObject* state, const Field& field)
 {
     const Ref function = scope.global(names::sqlite_time);
-    if (!function) {
+    const Ref epoch = function ? originals(scope).tool_state.get(state, field) : Ref{};
+    if (!epoch) {
         return {};
     }
+    PyObject* const argument = epoch.get();
     return scope.owns(function.get(), cpython::enter<sqlite_time, 1, 0>)
-               ? sqlite_time(scope, &epoch)
-               : cpython::call(function.get(), epoch);
+               ? sqlite_time(scope, &argument)
+               : cpython::call(function.get(), argument);
 }
 
 Ref call_epoch(const Scope& scope, PyObject* text)

@@ -9,8 +9,12 @@ namespace health {
 Ref sqlite_time(const Scope& scope, PyObject* const* arguments);
 Ref epoch(const Scope& scope, PyObject* const* arguments);
 
-// The same as the other operations call them: looked up in the module at every use.
-Ref call_sqlite_time(const Scope& scope, PyObject* epoch);
+// The same as the other operations call them: looked up in the module at every use, before the argument is read.
+
+/// `_sqlite_time(state.field)`
+Ref time_of(const Scope& scope, PyObject* state, const Field& field);
+
+/// `_epoch(text)`
 Ref call_epoch(const Scope& scope, PyObject* text);
 
 /// `round(value, digits)`; digits is 2 or 3.

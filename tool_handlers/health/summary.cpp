@@ -4,8 +4,8 @@
 // positions in the usage map in the order of the map, and a tool's rows are then read at those positions. What the
 // host's `is_slow_call` sees and can do between two rows is the same as during a walk: a record that it changes or
 // replaces shows in the rows to come, keys that it adds or removes are met or missed as an iterator would meet or miss
-// them, and a map that it resizes ends the summary with the error of an iteration. (Only a key that it slips in between
-// others, by taking off the end of the map and putting the very last key back, goes unnoticed.)
+// them, and a map that it resizes ends the summary with the error of an iteration. (Only keys that it takes off the end
+// of the map and puts back, the very last one included, can go unnoticed, or be noticed where an iterator would not.)
 // An overridden `_usage_rows`, a replaced map, or keys that are not what the tracker puts there go the general way.
 #include "cpython/containers.hpp"
 #include "stored_formats.hpp"
@@ -78,10 +78,8 @@ Ref make_record(const Scope& scope, PyObject* name, PyObject* state, MakeUsage m
         return {};
     }
     const bool disabled = disabled_at.get() != Py_None;
-    const Ref disabled_since = records.get(state, tool_state::disabled_at);
-    const Ref disabled_text = disabled_since ? call_sqlite_time(scope, disabled_since.get()) : Ref{};
-    const Ref updated_at = disabled_text ? records.get(state, tool_state::updated_at) : Ref{};
-    const Ref updated_text = updated_at ? call_sqlite_time(scope, updated_at.get()) : Ref{};
+    const Ref disabled_text = time_of(scope, state, tool_state::disabled_at);
+    const Ref updated_text = disabled_text ? time_of(scope, state, tool_state::updated_at) : Ref{};
     const Ref usage = updated_text ? make_usage() : Ref{};
     return usage ? originals(scope).summary_record.make({name, calls.get(), errors.get(), last_error.get(),
                                                          disabled ? Py_True : Py_False, disabled_text.get(),
@@ -405,6 +403,9 @@ private:
 /// The summary, under the lock.
 Ref summarise(const Scope& scope, const Tracker& tracker)
 {
+    if (!tracker.has_plain_fields()) {
+        return summarise_any(scope, tracker);  // how often a field is read may show
+    }
     Ref states = tracker.get(tracker_field::state);
     Ref usage = states ? tracker.get(tracker_field::usage) : Ref{};
     if (!usage) {

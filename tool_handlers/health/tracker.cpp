@@ -11,6 +11,8 @@
 // thread can get hold of the interpreter, and hence wait for the lock, while it is held.
 #include "tracker.hpp"
 
+#include "cpython/containers.hpp"
+
 namespace health {
 
 using cpython::Answer;
@@ -62,7 +64,7 @@ bool mark_dirty(const Tracker& tracker, PyObject* tool_name)
         return false;
     }
     if (PySet_CheckExact(dirty.get())) {
-        return PySet_Add(dirty.get(), tool_name) == 0;
+        return cpython::add_to_set(dirty.get(), tool_name, names::update);
     }
     return static_cast<bool>(call_method(dirty.get(), names::add, tool_name));
 }
@@ -105,21 +107,20 @@ Ref cooldown_of(const Scope& scope, const Tracker& tracker)
 /// `now - disabled_at >= self.cooldown_s`
 Answer is_over(const Scope& scope, const Tracker& tracker, PyObject* now, Ref disabled_at)
 {
+    if (!PyFloat_CheckExact(now) || !PyFloat_CheckExact(disabled_at.get())) {
+        const Ref elapsed = Ref::steal(PyNumber_Subtract(now, disabled_at.get()));
+        disabled_at = Ref{};
+        const Ref cooldown = elapsed ? cooldown_of(scope, tracker) : Ref{};
+        return cooldown ? cpython::is_at_least(elapsed.get(), cooldown.get()) : Answer::failed;
+    }
     // Plain floats are compared without making an object of their difference.
-    const bool plain = PyFloat_CheckExact(now) && PyFloat_CheckExact(disabled_at.get());
-    Ref elapsed = plain ? Ref{} : Ref::steal(PyNumber_Subtract(now, disabled_at.get()));
-    const double seconds = plain ? PyFloat_AS_DOUBLE(now) - PyFloat_AS_DOUBLE(disabled_at.get()) : 0.0;
+    const double seconds = PyFloat_AS_DOUBLE(now) - PyFloat_AS_DOUBLE(disabled_at.get());
     disabled_at = Ref{};
-    const Ref cooldown = plain || elapsed ? cooldown_of(scope, tracker) : Ref{};
-    if (!cooldown) {
-        return Answer::failed;
+    const Ref cooldown = cooldown_of(scope, tracker);
+    if (cooldown && PyFloat_CheckExact(cooldown.get())) {
+        return seconds >= PyFloat_AS_DOUBLE(cooldown.get()) ? Answer::yes : Answer::no;
     }
-    if (plain) {
-        if (PyFloat_CheckExact(cooldown.get())) {
-            return seconds >= PyFloat_AS_DOUBLE(cooldown.get()) ? Answer::yes : Answer::no;
-        }
-        elapsed = Ref::steal(PyFloat_FromDouble(seconds));
-    }
+    const Ref elapsed = cooldown ? Ref::steal(PyFloat_FromDouble(seconds)) : Ref{};
     return elapsed ? cpython::is_at_least(elapsed.get(), cooldown.get()) : Answer::failed;
 }
 

@@ -24,6 +24,9 @@ public:
 
     [[nodiscard]] PyObject* self() const { return self_; }
 
+    /// Whether reading a field runs no foreign code.
+    [[nodiscard]] bool has_plain_fields() const { return plain_fields() != nullptr; }
+
     /// `self.field`
     [[nodiscard]] Ref get(const Field& field) const
     {

@@ -16,13 +16,15 @@ namespace {
 Ref mean_ms(const Scope& scope, PyObject* usage)
 {
     const UsageClass& records = originals(scope).usage;
-    Ref timed_calls = records.get(usage, usage_record::timed_calls);
-    const Answer timed = timed_calls ? cpython::truth(timed_calls.get()) : Answer::failed;
+    Answer timed = Answer::failed;
+    if (const Ref condition = records.get(usage, usage_record::timed_calls)) {
+        timed = cpython::truth(condition.get());
+    }
     if (timed != Answer::yes) {
         return timed == Answer::no ? cpython::none() : Ref{};
     }
     const Ref total_ms = records.get(usage, usage_record::total_ms);
-    timed_calls = total_ms ? records.get(usage, usage_record::timed_calls) : Ref{};
+    const Ref timed_calls = total_ms ? records.get(usage, usage_record::timed_calls) : Ref{};
     const Ref mean = timed_calls ? Ref::steal(PyNumber_TrueDivide(total_ms.get(), timed_calls.get())) : Ref{};
     return mean ? rounded(scope, mean.get(), 2) : Ref{};
 }

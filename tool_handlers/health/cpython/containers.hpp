@@ -106,6 +106,18 @@ template <std::size_t Count>
     return method && call_named(method.get(), std::array{Named{key, rank.get()}});
 }
 
+/// `set.add(key)` of a plain set. A set that cannot grow for want of memory keeps the key all the same, until its table
+/// is full, in which the interpreter would look for a free place for ever. `update` grows such a table before it adds.
+[[nodiscard]] inline bool add_to_set(PyObject* set, PyObject* key, PyObject* update)
+{
+    const auto* const table = reinterpret_cast<PySetObject*>(set);
+    if (table->fill < table->mask) {
+        return PySet_Add(set, key) == 0;
+    }
+    const Ref one = Ref::steal(PySet_New(nullptr));
+    return one && PySet_Add(one.get(), key) == 0 && call_method(set, update, one.get());
+}
+
 /// Scratch memory for the time of a call: so many default-made elements, or none and a MemoryError.
 template <class Element>
 class Scratch {
