@@ -262,17 +262,17 @@ Answer copy_plain(const Scope& scope, PyObject* usage, Ref& copy)
     return Answer::yes;
 }
 
-/// The entries of such a copy.
-Ref entries_of_copy(const Scope& scope, PyObject* copy)
+/// The entries of such a copy, which ends here: whoever writes them has no use for it, nor has the garbage collector.
+Ref entries_of_copy(const Scope& scope, const Ref copy)
 {
-    const Py_ssize_t size = PyTuple_GET_SIZE(copy);
+    const Py_ssize_t size = PyTuple_GET_SIZE(copy.get());
     Ref saved = Ref::steal(PyList_New(size / copy_width));
     for (Py_ssize_t at = 0; saved && at < size; at += copy_width) {
         UsageKey key;
-        const Ref total_ms = rounded(scope, PyTuple_GET_ITEM(copy, at + 3), 3);
-        Ref entry = total_ms && cpython::unpack(PyTuple_GET_ITEM(copy, at), key)
-                        ? make_entry(scope, key, PyTuple_GET_ITEM(copy, at + 1),
-                                     PyTuple_GET_ITEM(copy, at + 2), total_ms.get())
+        const Ref total_ms = rounded(scope, PyTuple_GET_ITEM(copy.get(), at + 3), 3);
+        Ref entry = total_ms && cpython::unpack(PyTuple_GET_ITEM(copy.get(), at), key)
+                        ? make_entry(scope, key, PyTuple_GET_ITEM(copy.get(), at + 1),
+                                     PyTuple_GET_ITEM(copy.get(), at + 2), total_ms.get())
                         : Ref{};
         if (!entry) {
             return {};
@@ -391,7 +391,7 @@ Ref flush_usage(const Scope& scope, PyObject* const* arguments)
     if (left == Left::swallowed) {
         raise_unbound("saved");
     } else {
-        saved = snapshot.saved ? std::move(snapshot.saved) : entries_of_copy(scope, snapshot.copy.get());
+        saved = snapshot.saved ? std::move(snapshot.saved) : entries_of_copy(scope, std::move(snapshot.copy));
     }
     if (!saved || !write_usage(scope, self, saved.get())) {
         return restore_and_raise(scope, self,
