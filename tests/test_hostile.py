@@ -47,7 +47,7 @@ MISCHIEF = """raise ValueError(NUMBER) | raise KeyboardInterrupt | t._state.clea
     t._dirty = set() | t._state['a'] = S(70, 70, 'other', 3.0, 4.0, 70); t._usage[KEY] = U(70, 70, 70.0)
     t._state['a'] = t._usage[KEY] = None | del A.call_count, A.last_error, t._usage[KEY].calls | del t._dirty, t._usage
     del t._usage_dirty | A.disabled_at = None | C._dirty = property(lambda self: {5}, lambda *_: None)
-    C._usage = property(lambda self: {}) | C.cooldown_s = 0 | C._usage_rows = lambda self, name: [name]
+    C._usage = property(lambda self: {} if E(1) else {}) | C.cooldown_s = 0 | C._usage_rows = lambda self, name: [name]
     C.cooldown_s.__init__(lambda self: -1) | C.cooldown_s.__init__(C.limits.fget)
     S.call_count = property(lambda self: 7, lambda *_: None) | S.disabled_at = property(lambda self: 7.0) | U.calls = 3
     S.__setattr__ = lambda self, name, value: object.__setattr__(self, name, 8) | t.__class__ = Watched

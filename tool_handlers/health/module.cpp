@@ -81,9 +81,12 @@ void raise_cannot_import(PyObject* module, PyObject* name)
     const bool is_named = module_name && PyUnicode_Check(module_name.get());
     const Ref shown_name =
         is_named ? module_name.copy() : Ref::steal(PyUnicode_FromString("<unknown module name>"));
+    if (!shown_name) {
+        return;
+    }
     const Ref origin = origin_of(module);
     const Ref place = origin ? origin.copy() : Ref::steal(PyUnicode_FromString("unknown location"));
-    if (!shown_name || !place) {
+    if (!place) {
         return;
     }
     const Ref text = Ref::steal(PyUnicode_FromFormat(

@@ -80,8 +80,8 @@ public:
         if (known_.is_class_of(record)) {
             return cpython::replace(slot(record, field.index), std::move(value));
         }
-        const Ref stored =
-            std::move(value);  // dies here, as after the statement, and not in the caller's next line
+        // Dies here, as after the statement, and not in the caller's next line.
+        const Ref stored = std::move(value);
         return stored && cpython::set_attr(record, field.name, stored.get());
     }
 

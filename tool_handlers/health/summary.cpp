@@ -293,7 +293,8 @@ private:
         if (!method) {
             return {};
         }
-        const bool own = PyMethod_Check(method.get()) && PyMethod_GET_SELF(method.get()) == tracker_.self() &&
+        const bool own = tracker_.has_plain_fields() && PyMethod_Check(method.get()) &&
+                         PyMethod_GET_SELF(method.get()) == tracker_.self() &&
                          scope_.owns(PyMethod_GET_FUNCTION(method.get()), cpython::enter<usage_rows, 2, 0>);
         const Ref usage = own ? tracker_.get(tracker_field::usage) : Ref{};
         if (own && !usage) {
