@@ -2,6 +2,10 @@
 
 #include "originals.hpp"
 
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
 namespace health {
 
 using cpython::Answer;
@@ -31,17 +35,43 @@ bool put(const Ref& report, PyObject* key, PyObject* value)
     return PyDict_SetItem(report.get(), key, value) == 0;
 }
 
-/// The warning text; the numbers in the form that an f-string gives them.
-Ref warning_text(PyObject* counted, PyObject* budget)
+constexpr std::string_view warning_start = "The process holds ";
+constexpr std::string_view warning_middle = " threads, more than the ";
+constexpr std::string_view warning_end =
+    " its pools allow: threads are piling up. A thread that ran the local embedding model keeps a team of "
+    "torch"
+    " threads, as many as KAVRIN_EMBED_THREADS allows (0 leaves torch's own size).";
+
+/// The warning text about plain small numbers, as good as always what they are: written at one go.
+Ref warning_about_small(PyObject* counted, PyObject* budget)
 {
+    constexpr std::size_t most_digits = 20;
+    std::array<char, warning_start.size() + warning_middle.size() + warning_end.size() + 2 * most_digits>
+        text;
+    char* end = text.data();
+    const auto put_text = [&](std::string_view part) { end = std::ranges::copy(part, end).out; };
+    const auto put_number = [&](PyObject* number) {
+        end = std::to_chars(end, end + most_digits, cpython::value_of_small(number)).ptr;
+    };
+    put_text(warning_start);
+    put_number(counted);
+    put_text(warning_middle);
+    put_number(budget);
+    put_text(warning_end);
+    return Ref::steal(PyUnicode_FromKindAndData(PyUnicode_1BYTE_KIND, text.data(), end - text.data()));
+}
+
+/// The same about anything, in the form that an f-string gives it.
+Ref warning_about(PyObject* counted, PyObject* budget)
+{
+    if (cpython::is_small_int(counted) && cpython::is_small_int(budget)) {
+        return warning_about_small(counted, budget);
+    }
     const Ref threads = cpython::formatted(counted);
     const Ref allowed = threads ? cpython::formatted(budget) : Ref{};
     return allowed
-               ? Ref::steal(PyUnicode_FromFormat(
-                     "The process holds %U threads, more than the %U its pools allow: threads are piling up."
-                     " A thread that ran the local embedding model keeps a team of torch threads, as many as"
-                     " KAVRIN_EMBED_THREADS allows (0 leaves torch's own size).",
-                     threads.get(), allowed.get()))
+               ? Ref::steal(PyUnicode_FromFormat("%s%U%s%U%s", warning_start.data(), threads.get(),
+                                                 warning_middle.data(), allowed.get(), warning_end.data()))
                : Ref{};
 }
 
@@ -105,7 +135,7 @@ Ref thread_census_report(const Scope& scope, PyObject* const* arguments)
     case Answer::no:
         break;
     case Answer::yes:
-        const Ref warning = warning_text(counted, budget);
+        const Ref warning = warning_about(counted, budget);
         if (!warning || !put(report, names::warning, warning.get())) {
             return {};
         }
