@@ -21,7 +21,7 @@ Ref lock_only(const Scope& scope, PyObject* const* arguments)
 {
     const Ref lock = cpython::attr(arguments[0], lock_name);
     const bool done = lock && cpython::with_lock(scope.kept<Kept>().lock, lock.get(), [] { return true; }) ==
-                                  cpython::Left::done;
+                                  cpython::BlockEnd::reached;
     return done ? cpython::none() : Ref{};
 }
 
@@ -36,9 +36,11 @@ int execute(PyObject* module)
     const Ref globals = Ref::borrow(PyModule_GetDict(module));
     Kept* kept = nullptr;
     const Ref keepsake = cpython::Name::intern_all() ? cpython::make_keepsake(kept) : Ref{};
+    if (!keepsake || !kept->lock.find()) {
+        return -1;
+    }
     for (const cpython::Operation& operation : operations) {
-        const Ref function =
-            keepsake ? cpython::make_function(operation, nullptr, globals.get(), keepsake.get()) : Ref{};
+        const Ref function = cpython::make_function(operation, nullptr, globals.get(), keepsake.get());
         if (!function || PyDict_SetItemString(globals.get(), operation.name, function.get()) != 0) {
             return -1;
         }

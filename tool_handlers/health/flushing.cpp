@@ -11,8 +11,8 @@ namespace health {
 using cpython::Answer;
 using cpython::append;
 using cpython::attr;
+using cpython::BlockEnd;
 using cpython::call_method;
-using cpython::Left;
 
 namespace {
 
@@ -25,67 +25,37 @@ void raise_unbound(const char* variable)
                  "cannot access local variable '%s' where it is not associated with a value", variable);
 }
 
-/// Adds to a set; one that could not grow may hold the name all the same.
-bool add_mark(PyObject* dirty, PyObject* name)
+/// `self._dirty.update(marked)`. Name by name, so that one for which there is no memory does not keep the others out;
+/// MemoryError says that there was one.
+bool put_back(const Tracker& tracker, PyObject* marked)
 {
-    if (cpython::add_to_set(dirty, name, names::update)) {
-        return true;
+    const Ref dirty = tracker.get(tracker_field::dirty);
+    if (!dirty || !PySet_CheckExact(dirty.get())) {
+        return dirty && call_method(dirty.get(), names::update, marked);
     }
-    if (PyErr_ExceptionMatches(PyExc_MemoryError) == 0) {
-        return false;
+    bool complete = true;
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(marked); ++i) {
+        const Ref name = Ref::borrow(PyList_GET_ITEM(marked, i));
+        if (cpython::add_to_set(dirty.get(), name.get(), names::update)) {
+            continue;
+        }
+        if (PyErr_ExceptionMatches(PyExc_MemoryError) == 0) {
+            return false;
+        }
+        PyErr_Clear();
+        complete = false;
     }
-    PyErr_Clear();
-    const int kept = PySet_Contains(dirty, name);
-    if (kept == 0) {
+    if (!complete) {
         PyErr_NoMemory();
     }
-    return kept > 0;
+    return complete;
 }
 
 /// The snapshot of a health flush.
 struct HealthSnapshot {
     Ref marked;  // the names, in order
-    Ref spare;  // the same as a set of its own, made while there was memory; null if the tracker's is no plain set
     Ref rows;
 };
-
-/// The last resort when an emptied set cannot grow again: the spare one, with whatever was marked since, takes its
-/// place. Needs no memory unless much was marked since.
-bool use_spare(const Tracker& tracker, PyObject* dirty, PyObject* spare)
-{
-    while (PySet_GET_SIZE(dirty) > 0) {
-        const Ref name = Ref::steal(PySet_Pop(dirty));
-        if (!name || !add_mark(spare, name.get())) {
-            return false;
-        }
-    }
-    return cpython::set_attr(tracker.self(), names::dirty, spare);
-}
-
-/// `self._dirty.update(marked)`
-bool put_back(const Tracker& tracker, const HealthSnapshot& snapshot)
-{
-    PyObject* const marked = snapshot.marked.get();
-    const Ref dirty = tracker.get(tracker_field::dirty);
-    if (!dirty) {
-        return false;
-    }
-    if (!PySet_CheckExact(dirty.get())) {
-        return static_cast<bool>(call_method(dirty.get(), names::update, marked));
-    }
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(marked); ++i) {
-        const Ref name = Ref::borrow(PyList_GET_ITEM(marked, i));
-        if (add_mark(dirty.get(), name.get())) {
-            continue;
-        }
-        if (!snapshot.spare || PyErr_ExceptionMatches(PyExc_MemoryError) == 0) {
-            return false;
-        }
-        PyErr_Clear();
-        return use_spare(tracker, dirty.get(), snapshot.spare.get());
-    }
-    return true;
-}
 
 /// The end of `except Exception: with self._lock: <restore>; raise`. Always leaves an exception set.
 template <class Restore>
@@ -93,7 +63,7 @@ Ref restore_and_raise(const Scope& scope, PyObject* self, Restore restore)
 {
     if (cpython::is_caught()) {
         const cpython::Handling handling;
-        if (locked(scope, self, restore) != Left::failed) {
+        if (locked(scope, self, restore) != BlockEnd::failed) {
             handling.raise_again();
         }
     }
@@ -147,18 +117,13 @@ bool take_health(const Scope& scope, const Tracker& tracker, HealthSnapshot& sna
         return false;
     }
     dirty = tracker.get(tracker_field::dirty);
-    if (dirty && PySet_CheckExact(dirty.get())) {
-        snapshot.spare = Ref::steal(PySet_New(dirty.get()));
-        if (!snapshot.spare || PySet_Clear(dirty.get()) != 0) {
-            return false;
-        }
-    } else if (!dirty || !call_method(dirty.get(), names::clear)) {
+    if (!dirty || !call_method(dirty.get(), names::clear)) {
         return false;
     }
     snapshot.rows = health_rows(scope, tracker, snapshot.marked.get());
     if (!snapshot.rows && PyErr_ExceptionMatches(PyExc_MemoryError) != 0) {
         const cpython::Handling handling;
-        if (put_back(tracker, snapshot)) {
+        if (put_back(tracker, snapshot.marked.get())) {
             handling.raise_again();
         }
     }
@@ -265,19 +230,15 @@ Answer copy_plain(const Scope& scope, PyObject* usage, Ref& copy)
 /// The entries of such a copy, which ends here: whoever writes them has no use for it, nor has the garbage collector.
 Ref entries_of_copy(const Scope& scope, const Ref copy)
 {
-    const Py_ssize_t size = PyTuple_GET_SIZE(copy.get());
-    Ref saved = Ref::steal(PyList_New(size / copy_width));
-    for (Py_ssize_t at = 0; saved && at < size; at += copy_width) {
+    Ref saved = Ref::steal(PyList_New(0));
+    for (Py_ssize_t at = 0; saved && at < PyTuple_GET_SIZE(copy.get()); at += copy_width) {
         UsageKey key;
         const Ref total_ms = rounded(scope, PyTuple_GET_ITEM(copy.get(), at + 3), 3);
-        Ref entry = total_ms && cpython::unpack(PyTuple_GET_ITEM(copy.get(), at), key)
-                        ? make_entry(scope, key, PyTuple_GET_ITEM(copy.get(), at + 1),
-                                     PyTuple_GET_ITEM(copy.get(), at + 2), total_ms.get())
-                        : Ref{};
-        if (!entry) {
+        if (!total_ms || !cpython::unpack(PyTuple_GET_ITEM(copy.get(), at), key) ||
+            !append(saved, make_entry(scope, key, PyTuple_GET_ITEM(copy.get(), at + 1),
+                                      PyTuple_GET_ITEM(copy.get(), at + 2), total_ms.get()))) {
             return {};
         }
-        PyList_SET_ITEM(saved.get(), at / copy_width, entry.release());
     }
     return saved;
 }
@@ -299,7 +260,7 @@ bool take_usage(const Scope& scope, const Tracker& tracker, UsageSnapshot& snaps
     if (pending != Answer::yes) {
         return pending == Answer::no;
     }
-    if (!tracker.mark_usage(false)) {
+    if (!tracker.set(tracker_field::usage_dirty, Py_False)) {
         return false;
     }
     const Ref usage = tracker.get(tracker_field::usage);
@@ -315,7 +276,7 @@ bool take_usage(const Scope& scope, const Tracker& tracker, UsageSnapshot& snaps
     }
     if (!snapshot.saved && PyErr_ExceptionMatches(PyExc_MemoryError) != 0) {
         const cpython::Handling handling;  // the mark stays when memory runs out
-        if (tracker.mark_usage(true)) {
+        if (tracker.set(tracker_field::usage_dirty, Py_True)) {
             handling.raise_again();
         }
     }
@@ -359,18 +320,18 @@ Ref flush_health(const Scope& scope, PyObject* const* arguments)
 {
     PyObject* const self = arguments[0];
     HealthSnapshot snapshot;
-    const Left left =
+    const BlockEnd end =
         locked(scope, self, [&](const Tracker& tracker) { return take_health(scope, tracker, snapshot); });
-    if (left != Left::done) {
-        if (left == Left::swallowed) {
+    if (end != BlockEnd::reached) {
+        if (end == BlockEnd::swallowed) {
             raise_unbound("rows");
         }
         return {};
     }
     PyObject* const rows = snapshot.rows.get();
     if (PyList_GET_SIZE(rows) != 0 && !write_health(scope, self, rows)) {
-        return restore_and_raise(scope, self,
-                                 [&](const Tracker& tracker) { return put_back(tracker, snapshot); });
+        return restore_and_raise(
+            scope, self, [&](const Tracker& tracker) { return put_back(tracker, snapshot.marked.get()); });
     }
     return Ref::steal(PyLong_FromSsize_t(PyList_GET_SIZE(rows)));
 }
@@ -379,23 +340,24 @@ Ref flush_usage(const Scope& scope, PyObject* const* arguments)
 {
     PyObject* const self = arguments[0];
     UsageSnapshot snapshot;
-    const Left left =
+    const BlockEnd end =
         locked(scope, self, [&](const Tracker& tracker) { return take_usage(scope, tracker, snapshot); });
-    if (left == Left::failed) {
+    if (end == BlockEnd::failed) {
         return {};
     }
-    if (left == Left::done && !snapshot.pending) {
+    if (end == BlockEnd::reached && !snapshot.pending) {
         return cpython::zero();
     }
     Ref saved;
-    if (left == Left::swallowed) {
+    if (end == BlockEnd::swallowed) {
         raise_unbound("saved");
     } else {
         saved = snapshot.saved ? std::move(snapshot.saved) : entries_of_copy(scope, std::move(snapshot.copy));
     }
     if (!saved || !write_usage(scope, self, saved.get())) {
-        return restore_and_raise(scope, self,
-                                 [](const Tracker& tracker) { return tracker.mark_usage(true); });
+        return restore_and_raise(scope, self, [](const Tracker& tracker) {
+            return tracker.set(tracker_field::usage_dirty, Py_True);
+        });
     }
     return Ref::steal(PyLong_FromSsize_t(PyList_GET_SIZE(saved.get())));
 }

@@ -11,6 +11,7 @@ namespace health {
 
 using cpython::Answer;
 using cpython::append;
+using cpython::attr;
 using cpython::call_method;
 using cpython::Named;
 
@@ -107,7 +108,7 @@ Ref make_state(const Scope& scope, const HealthRow& columns)
 }
 
 /// Puts the rows of registered tools into the state, under the lock.
-bool seed_state(const Scope& scope, const Tracker& tracker, const Ref& rows)
+bool seed_state(const Scope& scope, PyObject* self, const Ref& rows)
 {
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i) {
         const Ref row = Ref::borrow(PyList_GET_ITEM(rows.get(), i));
@@ -121,7 +122,7 @@ bool seed_state(const Scope& scope, const Tracker& tracker, const Ref& rows)
             continue;
         }
         const Ref state = make_state(scope, columns);
-        const Ref states = state ? tracker.get(tracker_field::state) : Ref{};
+        const Ref states = state ? attr(self, names::state) : Ref{};
         if (!states || PyObject_SetItem(states.get(), columns[0].get(), state.get()) != 0) {
             return false;
         }
@@ -206,17 +207,19 @@ Ref read_usage(const Scope& scope, PyObject* self)
     return PyErr_Occurred() == nullptr ? std::move(loaded) : Ref{};
 }
 
-/// `_known(tool, action)`, looked up in the module, for the tool and action of a key.
+/// `_known(key[0], key[1])`, looked up in the module. The key may be anything by now: the collector shows the map.
 Answer is_known(const Scope& scope, PyObject* key)
 {
-    const std::array<PyObject*, 2> arguments{PyTuple_GET_ITEM(key, 0), PyTuple_GET_ITEM(key, 1)};
     const Ref function = scope.global(names::known);
-    if (!function) {
+    const Ref tool = function ? Ref::steal(PySequence_GetItem(key, 0)) : Ref{};
+    const Ref action = tool ? Ref::steal(PySequence_GetItem(key, 1)) : Ref{};
+    if (!action) {
         return Answer::failed;
     }
+    const std::array arguments{tool.get(), action.get()};
     const Ref result = scope.owns(function.get(), cpython::enter<known, 2, 0>)
                            ? known(scope, arguments.data())
-                           : cpython::call(function.get(), arguments[0], arguments[1]);
+                           : cpython::call(function.get(), tool.get(), action.get());
     return result ? cpython::truth(result.get()) : Answer::failed;
 }
 
@@ -230,19 +233,34 @@ Ref known_usage(const Scope& scope, const Ref& loaded)
     while (kept && PyDict_Next(loaded.get(), &position, &key, &usage) != 0) {
         const Ref held_key = Ref::borrow(key);
         const Ref held_usage = Ref::borrow(usage);
-        switch (is_known(scope, held_key.get())) {
-        case Answer::yes:
-            if (PyDict_SetItem(kept.get(), held_key.get(), held_usage.get()) != 0) {
-                return {};
-            }
-            break;
-        case Answer::no:
-            break;
-        case Answer::failed:
+        const Answer known = is_known(scope, key);
+        if (known == Answer::failed ||
+            (known == Answer::yes && PyDict_SetItem(kept.get(), held_key.get(), held_usage.get()) != 0)) {
             return {};
         }
     }
     return kept;
+}
+
+/// `self._usage.update(kept); self._usage_dirty = len(kept) != len(loaded)`, under the lock
+bool seed_usage(PyObject* self, const Ref& kept, const Ref& loaded)
+{
+    const Ref usage = attr(self, names::usage);
+    if (!usage || !call_method(usage.get(), names::update, kept.get())) {
+        return false;
+    }
+    const bool dropped = PyDict_GET_SIZE(kept.get()) != PyDict_GET_SIZE(loaded.get());
+    return cpython::set_attr(self, names::usage_dirty, dropped ? Py_True : Py_False);
+}
+
+/// `with self._lock: body()`, by attribute access alone: a tracker that dies half-made for want of memory must not have
+/// had its fields turned into a dictionary, as the interpreter cannot take that apart then.
+template <class Body>
+Ref under_lock(const Scope& scope, PyObject* self, Body&& body)
+{
+    const Ref lock = attr(self, names::lock);
+    return lock ? result_of(cpython::with_lock(originals(scope).lock, lock.get(), body), cpython::none())
+                : Ref{};
 }
 
 }  // namespace
@@ -254,9 +272,7 @@ Ref load(const Scope& scope, PyObject* const* arguments)
     if (!rows || !delete_removed(scope, self, rows)) {
         return log_and_go_on(scope, names::health_unreadable);
     }
-    return result_of(
-        locked(scope, self, [&](const Tracker& tracker) { return seed_state(scope, tracker, rows); }),
-        cpython::none());
+    return under_lock(scope, self, [&] { return seed_state(scope, self, rows); });
 }
 
 Ref load_usage(const Scope& scope, PyObject* const* arguments)
@@ -267,18 +283,7 @@ Ref load_usage(const Scope& scope, PyObject* const* arguments)
         return log_and_go_on(scope, names::usage_unreadable);
     }
     const Ref kept = known_usage(scope, loaded);
-    if (!kept) {
-        return {};
-    }
-    const cpython::Left left = locked(scope, self, [&](const Tracker& tracker) {
-        const Ref usage = tracker.get(tracker_field::usage);
-        const bool merged =
-            usage && (PyDict_CheckExact(usage.get())
-                          ? PyDict_Update(usage.get(), kept.get()) == 0
-                          : static_cast<bool>(call_method(usage.get(), names::update, kept.get())));
-        return merged && tracker.mark_usage(PyDict_GET_SIZE(kept.get()) != PyDict_GET_SIZE(loaded.get()));
-    });
-    return result_of(left, cpython::none());
+    return kept ? under_lock(scope, self, [&] { return seed_usage(self, kept, loaded); }) : Ref{};
 }
 
 }  // namespace health

@@ -7,6 +7,7 @@
 #include "operations.hpp"
 #include "originals.hpp"
 #include "stored_formats.hpp"
+#include "tracker.hpp"
 
 namespace health {
 
@@ -38,65 +39,21 @@ bool import_module(PyObject* globals, PyObject* name)
     return bind(globals, name, import(globals, name, Py_None));
 }
 
-/// Where a module says it came from: `__spec__.origin` of one with a location, else `__file__`; null without an error
-/// for one that does not say.
-Ref origin_of(PyObject* module)
-{
-    Ref origin;
-    Ref spec;
-    if (PyObject_GetOptionalAttr(module, names::dunder_spec, spec.out()) > 0) {
-        Ref has_location;
-        if (PyObject_GetOptionalAttr(spec.get(), names::has_location, has_location.out()) > 0 &&
-            cpython::truth(has_location.get()) == Answer::yes) {
-            PyObject_GetOptionalAttr(spec.get(), names::origin, origin.out());
-        }
-    }
-    PyErr_Clear();
-    if (!origin && PyModule_Check(module)) {
-        origin = Ref::steal(PyModule_GetFilenameObject(module));
-        PyErr_Clear();
-    }
-    return origin && PyUnicode_Check(origin.get()) ? std::move(origin) : Ref{};
-}
-
-/// Whether the import of the module is still going on: `__spec__._initializing`.
-bool is_initialising(PyObject* module)
-{
-    Ref spec;
-    Ref initialising;
-    const bool result = PyObject_GetOptionalAttr(module, names::dunder_spec, spec.out()) > 0 &&
-                        PyObject_GetOptionalAttr(spec.get(), names::initialising, initialising.out()) > 0 &&
-                        cpython::truth(initialising.get()) == Answer::yes;
-    PyErr_Clear();
-    return result;
-}
-
-/// The ImportError of `from module import name`, with its text and its attributes.
+/// The ImportError of `from module import name`.
 void raise_cannot_import(PyObject* module, PyObject* name)
 {
     Ref module_name;
-    if (PyObject_GetOptionalAttr(module, names::dunder_name, module_name.out()) < 0) {
+    Ref path;
+    if (PyObject_GetOptionalAttr(module, names::dunder_name, module_name.out()) < 0 ||
+        PyObject_GetOptionalAttr(module, names::dunder_file, path.out()) < 0) {
         return;
     }
-    const bool is_named = module_name && PyUnicode_Check(module_name.get());
-    const Ref shown_name =
-        is_named ? module_name.copy() : Ref::steal(PyUnicode_FromString("<unknown module name>"));
-    if (!shown_name) {
-        return;
-    }
-    const Ref origin = origin_of(module);
-    const Ref place = origin ? origin.copy() : Ref::steal(PyUnicode_FromString("unknown location"));
-    if (!place) {
-        return;
-    }
-    const Ref text = Ref::steal(PyUnicode_FromFormat(
-        is_initialising(module)
-            ? "cannot import name %R from partially initialized module %R (most likely due to a "
-              "circular import) (%U)"
-            : "cannot import name %R from %R (%U)",
-        name, shown_name.get(), place.get()));
-    const std::array named{Named{names::name, is_named ? module_name.get() : Py_None},
-                           Named{names::path, origin ? origin.get() : Py_None},
+    PyObject* const shown_name = module_name ? module_name.get() : Py_None;
+    const Ref text = path ? Ref::steal(PyUnicode_FromFormat("cannot import name %R from %R (%S)", name,
+                                                            shown_name, path.get()))
+                          : Ref::steal(PyUnicode_FromFormat(
+                                "cannot import name %R from %R (unknown location)", name, shown_name));
+    const std::array named{Named{names::name, shown_name}, Named{names::path, path ? path.get() : Py_None},
                            Named{names::name_from, name}};
     const Ref error = text ? cpython::call_named(PyExc_ImportError, named, text.get()) : Ref{};
     if (error) {
@@ -221,11 +178,10 @@ bool define_function(PyObject* globals, PyObject* keepsake, const cpython::Opera
 }
 
 /// `class ToolHealthTracker: ...`
-bool define_tracker(PyObject* globals, PyObject* keepsake)
+bool define_tracker(PyObject* globals, PyObject* keepsake, Originals& originals)
 {
     const Ref space = Ref::steal(PyDict_New());
-    const Ref module_name = item(globals, names::dunder_name);
-    if (!space || !bind(space.get(), names::dunder_module, module_name) ||
+    if (!space || !bind(space.get(), names::dunder_module, item(globals, names::dunder_name)) ||
         !bind(space.get(), names::dunder_qualname, Ref::borrow(names::tracker)) ||
         !bind(space.get(), names::dunder_doc, Ref::steal(PyUnicode_FromString(tracker_doc)))) {
         return false;
@@ -239,25 +195,49 @@ bool define_tracker(PyObject* globals, PyObject* keepsake)
             return false;
         }
     }
-    return bind(globals, names::tracker,
-                call(reinterpret_cast<PyObject*>(&PyType_Type), static_cast<PyObject*>(names::tracker),
-                     Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE), space.get()));
+    const Ref type = call(reinterpret_cast<PyObject*>(&PyType_Type), static_cast<PyObject*>(names::tracker),
+                          Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE), space.get());
+    if (type) {
+        originals.tracker.remember(reinterpret_cast<PyTypeObject*>(type.get()));
+    }
+    return bind(globals, names::tracker, type);
 }
 
-bool set_up(PyObject* globals)
+/// Defines the records. The `dataclass` decorator asks `sys.modules` for the module of a class, so a module that is
+/// executed without an entry there gets one for as long as this takes.
+bool define_records_of(PyObject* module, PyObject* globals, Originals& originals)
 {
-    if (!import_standard_modules(globals) || !import_host_services(globals) || !bind_constants(globals)) {
+    PyObject* const modules = PyImport_GetModuleDict();
+    const Ref name = item(globals, names::dunder_name);
+    const int is_entered = name ? PyDict_Contains(modules, name.get()) : -1;
+    if (is_entered < 0 || (is_entered == 0 && PyDict_SetItem(modules, name.get(), module) != 0)) {
         return false;
     }
-    find_datetime();
+    const bool defined = define_records(globals, originals.tool_state, originals.usage);
+    if (is_entered == 0) {
+        Ref error = Ref::steal(PyErr_GetRaisedException());
+        if (PyDict_Pop(modules, name.get(), nullptr) < 0) {
+            return false;
+        }
+        PyErr_SetRaisedException(error.release());
+    }
+    return defined;
+}
+
+bool set_up(PyObject* module, PyObject* globals)
+{
+    if (!import_standard_modules(globals) || !import_host_services(globals) || !bind_constants(globals) ||
+        !find_datetime()) {
+        return false;
+    }
     Originals* originals = nullptr;
     const Ref keepsake = cpython::make_keepsake(originals);
-    return keepsake && keep_constants(*originals) &&
-           define_function(globals, keepsake.get(), sqlite_time_operation) &&
+    return keepsake && keep_constants(*originals) && keep_tool_order(*originals) &&
+           keep_row_order(*originals) && define_function(globals, keepsake.get(), sqlite_time_operation) &&
            define_function(globals, keepsake.get(), epoch_operation) &&
-           define_records(globals, originals->tool_state, originals->usage) &&
+           define_records_of(module, globals, *originals) &&
            define_function(globals, keepsake.get(), known_operation) &&
-           define_tracker(globals, keepsake.get()) &&
+           define_tracker(globals, keepsake.get(), *originals) &&
            define_function(globals, keepsake.get(), performance_stats_operation) &&
            define_function(globals, keepsake.get(), census_report_operation);
 }
@@ -265,7 +245,7 @@ bool set_up(PyObject* globals)
 int execute(PyObject* module)
 {
     const Ref globals = Ref::borrow(PyModule_GetDict(module));
-    return cpython::Name::intern_all() && set_up(globals.get()) ? 0 : -1;
+    return cpython::Name::intern_all() && set_up(module, globals.get()) ? 0 : -1;
 }
 
 std::array<PyModuleDef_Slot, 2> slots{{

@@ -1,7 +1,5 @@
 #include "records.hpp"
 
-#include "cpython/special.hpp"
-
 namespace health {
 
 using cpython::Answer;
@@ -10,34 +8,41 @@ using cpython::call;
 
 namespace {
 
-/// The class statement before its decorator: `class <name>: <annotated fields with defaults>`.
+/// The body of the class statement before its decorator: `class <name>: <annotated fields with defaults>`.
+template <std::size_t Fields>
+bool fill_class(const Ref& space, PyObject* globals, PyObject* name, const char* doc,
+                const typename RecordClass<Fields>::Definition& definition)
+{
+    const auto put = [](const Ref& map, PyObject* key, const Ref& value) {
+        return value && PyDict_SetItem(map.get(), key, value.get()) == 0;
+    };
+    if (!put(space, names::dunder_module, cpython::item(globals, names::dunder_name)) ||
+        !put(space, names::dunder_qualname, Ref::borrow(name)) ||
+        !put(space, names::dunder_doc, Ref::steal(PyUnicode_FromString(doc)))) {
+        return false;
+    }
+    const Ref annotations = Ref::steal(PyDict_New());
+    if (!put(space, names::dunder_annotations, annotations.copy())) {
+        return false;
+    }
+    for (const auto& [field, annotation, value] : definition) {
+        if (!put(annotations, field.name, Ref::steal(PyUnicode_FromString(annotation))) ||
+            !put(space, field.name, value.copy())) {
+            return false;
+        }
+    }
+    return true;
+}
+
 template <std::size_t Fields>
 Ref make_class(PyObject* globals, PyObject* name, const char* doc,
                const typename RecordClass<Fields>::Definition& definition)
 {
     const Ref space = Ref::steal(PyDict_New());
-    const Ref annotations = Ref::steal(PyDict_New());
-    const Ref text = Ref::steal(PyUnicode_FromString(doc));
-    const Ref module_name = cpython::item(globals, names::dunder_name);
-    if (!space || !annotations || !text || !module_name) {
-        return {};
-    }
-    const auto put = [&](PyObject* key, PyObject* value) {
-        return PyDict_SetItem(space.get(), key, value) == 0;
-    };
-    if (!put(names::dunder_module, module_name.get()) || !put(names::dunder_qualname, name) ||
-        !put(names::dunder_doc, text.get()) || !put(names::dunder_annotations, annotations.get())) {
-        return {};
-    }
-    for (const auto& [field, annotation, value] : definition) {
-        const Ref type = Ref::steal(PyUnicode_FromString(annotation));
-        if (!type || PyDict_SetItem(annotations.get(), field.name, type.get()) != 0 || !value ||
-            !put(field.name, value.get())) {
-            return {};
-        }
-    }
-    return call(reinterpret_cast<PyObject*>(&PyType_Type), name,
-                Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE), space.get());
+    return space && fill_class<Fields>(space, globals, name, doc, definition)
+               ? call(reinterpret_cast<PyObject*>(&PyType_Type), name,
+                      Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE), space.get())
+               : Ref{};
 }
 
 /// `globals["dataclass"](slots=True)`
@@ -102,25 +107,7 @@ bool RecordClass<Fields>::learn(PyObject* type, const Definition& definition)
         }
         offsets_[field.index] = member->offset;
     }
-    return learn_init(as_type);
-}
-
-/// Takes note of the `__init__` that the decorator has made: code and defaults of a function can be replaced without
-/// any change of the class. False only for an error.
-template <std::size_t Fields>
-bool RecordClass<Fields>::learn_init(PyTypeObject* type)
-{
-    Ref init;
-    if (cpython::find_in_class(type, names::dunder_init, init) != Answer::yes) {
-        return PyErr_Occurred() == nullptr;
-    }
-    if (!PyFunction_Check(init.get())) {
-        return true;
-    }
-    init_ = reinterpret_cast<PyFunctionObject*>(init.get());
-    init_code_ = Ref::borrow(init_->func_code);
-    init_defaults_ = Ref::borrow_optional(init_->func_defaults);
-    known_.remember(type);
+    known_.remember(as_type);
     return true;
 }
 
@@ -130,7 +117,8 @@ template class RecordClass<3>;
 bool define_records(PyObject* globals, ToolStateClass& tool_state_class, UsageClass& usage_class)
 {
     const Ref no_time = Ref::steal(PyFloat_FromDouble(0.0));
-    return define_record<6>(
+    return no_time &&
+           define_record<6>(
                globals, names::tool_state,
                "What is known about one tool's health.\n"
                "\n"

@@ -122,11 +122,7 @@ public:
     }
 
     /// Whether `type` is the class that the import made, and makes instances as it did then.
-    [[nodiscard]] bool is_original(PyObject* type) const
-    {
-        return known_.is(type) && init_->func_code == init_code_.get() &&
-               init_->func_defaults == init_defaults_.get();
-    }
+    [[nodiscard]] bool is_original(PyObject* type) const { return known_.is(type); }
 
     /// `type()`, for whatever the name of the class stands for by now.
     [[nodiscard]] Ref make(PyObject* type) const
@@ -154,12 +150,8 @@ private:
     }
 
     [[nodiscard]] bool learn(PyObject* type, const Definition& definition);
-    [[nodiscard]] bool learn_init(PyTypeObject* type);
 
     cpython::KnownType known_;
-    PyFunctionObject* init_ = nullptr;  // not owned: the class keeps it for as long as it is known
-    Ref init_code_;
-    Ref init_defaults_;
     std::array<Py_ssize_t, Fields> offsets_{};
     std::array<Ref, Fields> defaults_;
 };

@@ -20,22 +20,26 @@ constexpr int first_four_digit_year = 1000;
 
 /// Whether the module's `datetime`, `timezone` and pattern are those of the interpreter and of the import. Then a
 /// conversion may go through the C interface of the same datetime classes: they are immutable, so that a method of
-/// theirs cannot have been patched.
-bool has_original_datetime(const Scope& scope)
+/// theirs cannot have been patched. One that is missing is for the general way to find, in the order of its steps.
+Answer has_original_datetime(const Scope& scope)
 {
     if (PyDateTimeAPI == nullptr) {
-        return false;
+        return Answer::no;
     }
-    const Ref datetime = scope.global(names::datetime);
-    const Ref timezone = datetime ? scope.global(names::timezone) : Ref{};
-    const Ref pattern = timezone ? scope.global(names::sqlite_timestamp) : Ref{};
-    if (!pattern) {
-        PyErr_Clear();  // raised again, where it belongs in the order of events, by the general way
-        return false;
+    const std::array<std::pair<PyObject*, PyObject*>, 3> originals{{
+        {names::datetime, reinterpret_cast<PyObject*>(PyDateTimeAPI->DateTimeType)},
+        {names::timezone, reinterpret_cast<PyObject*>(Py_TYPE(PyDateTime_TimeZone_UTC))},
+        {names::sqlite_timestamp, names::timestamp_pattern},
+    }};
+    Answer found = Answer::yes;
+    for (std::size_t i = 0; found == Answer::yes && i < originals.size(); ++i) {
+        Ref value;
+        found = scope.find_global(originals[i].first, value);
+        if (found == Answer::yes && value.get() != originals[i].second) {
+            found = Answer::no;
+        }
     }
-    return datetime.get() == reinterpret_cast<PyObject*>(PyDateTimeAPI->DateTimeType) &&
-           timezone.get() == reinterpret_cast<PyObject*>(Py_TYPE(PyDateTime_TimeZone_UTC)) &&
-           pattern.get() == names::timestamp_pattern;
+    return found;
 }
 
 /// Writes `count` decimal digits.
@@ -189,10 +193,18 @@ bool round_quickly(double value, double scale, double& result)
 
 }  // namespace
 
-void find_datetime()
+bool find_datetime()
 {
-    PyDateTime_IMPORT;
-    PyErr_Clear();
+    const Ref module = Ref::steal(PyImport_GetModule(names::datetime));
+    Ref capsule;
+    if (!module || PyObject_GetOptionalAttr(module.get(), names::datetime_capi, capsule.out()) <= 0) {
+        return PyErr_Occurred() == nullptr;
+    }
+    if (PyCapsule_IsValid(capsule.get(), PyDateTime_CAPSULE_NAME) != 0) {
+        PyDateTimeAPI =
+            static_cast<PyDateTime_CAPI*>(PyCapsule_GetPointer(capsule.get(), PyDateTime_CAPSULE_NAME));
+    }
+    return true;
 }
 
 Ref sqlite_time(const Scope& scope, PyObject* const* arguments)
@@ -201,7 +213,15 @@ Ref sqlite_time(const Scope& scope, PyObject* const* arguments)
     if (epoch == Py_None) {
         return cpython::none();
     }
-    return has_original_datetime(scope) ? format_original(epoch) : format_any(scope, epoch);
+    switch (has_original_datetime(scope)) {
+    case Answer::yes:
+        return format_original(epoch);
+    case Answer::no:
+        return format_any(scope, epoch);
+    case Answer::failed:
+        break;
+    }
+    return {};
 }
 
 Ref epoch(const Scope& scope, PyObject* const* arguments)
@@ -212,8 +232,11 @@ Ref epoch(const Scope& scope, PyObject* const* arguments)
         return present == Answer::no ? cpython::none() : Ref{};
     }
     std::array<int, 6> fields{};
-    const bool is_plain = split_timestamp(text, fields) && has_original_datetime(scope);
-    Ref seconds = is_plain ? parse_original(fields) : parse_any(scope, text);
+    const Answer original = split_timestamp(text, fields) ? has_original_datetime(scope) : Answer::no;
+    if (original == Answer::failed) {
+        return {};
+    }
+    Ref seconds = original == Answer::yes ? parse_original(fields) : parse_any(scope, text);
     return seconds ? std::move(seconds) : unreadable_is_none();
 }
 
@@ -248,7 +271,8 @@ Ref rounded(const Scope& scope, PyObject* value, int digits)
         return Ref::steal(PyFloat_FromDouble(result));
     }
     const Ref places = Ref::steal(PyLong_FromLong(digits));
-    return places ? cpython::call(originals(scope).round.get(), value, places.get()) : Ref{};
+    const Ref round = places ? scope.global(names::round) : Ref{};
+    return round ? cpython::call(round.get(), value, places.get()) : Ref{};
 }
 
 Ref whole_or_zero(PyObject* value)

@@ -23,7 +23,8 @@ Ref rounded(const Scope& scope, PyObject* value, int digits);
 /// `int(value or 0)`
 Ref whole_or_zero(PyObject* value);
 
-/// Finds the interpreter's datetime classes for the short cuts. They are optional: this raises nothing.
-void find_datetime();
+/// Finds the interpreter's datetime classes for the short cuts, where they are what the module has imported; false for
+/// an error.
+[[nodiscard]] bool find_datetime();
 
 }  // namespace health

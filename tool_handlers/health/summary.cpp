@@ -1,12 +1,9 @@
 // The health summary: every tool, the worst first, with its usage rows.
 //
-// A walk over all usage counts for every tool would cost tools times keys. So one pass groups the counts by tool, as
-// positions in the usage map in the order of the map, and a tool's rows are then read at those positions. What the
-// host's `is_slow_call` sees and can do between two rows is the same as during a walk: a record that it changes or
-// replaces shows in the rows to come, keys that it adds or removes are met or missed as an iterator would meet or miss
-// them, and a map that it resizes ends the summary with the error of an iteration. (Only keys that it takes off the end
-// of the map and puts back, the very last one included, can go unnoticed, or be noticed where an iterator would not.)
-// An overridden `_usage_rows`, a replaced map, or keys that are not what the tracker puts there go the general way.
+// A walk over all usage counts for every tool would cost tools times keys. So one pass groups the counts by tool, key
+// and record held, and a tool's rows are made from its group: a summary describes the one instant at which it took the
+// lock, whatever `is_slow_call` should do to the maps meanwhile. What a record holds is read when its row is made. An
+// overridden `_usage_rows`, a replaced map, or keys that are not what the tracker puts there go the general way.
 #include "cpython/containers.hpp"
 #include "stored_formats.hpp"
 #include "usage_rows.hpp"
@@ -41,10 +38,10 @@ struct Tool {
     }
 };
 
-/// One usage count: its key, where it stands in the usage map, and the next one of the same tool.
+/// One usage count, and the next one of the same tool.
 struct Entry {
     Ref key;
-    Py_ssize_t position = 0;
+    Ref usage;
     Py_ssize_t next = no_entry;
 };
 
@@ -135,8 +132,7 @@ Ref ranked_pairs(const Scope& scope, const Tracker& tracker)
             return {};
         }
     }
-    return cpython::sort_by(pairs.get(), names::sort, names::key, rank_of_pair_definition) ? std::move(pairs)
-                                                                                           : Ref{};
+    return originals(scope).worst_first.sort(pairs.get()) ? std::move(pairs) : Ref{};
 }
 
 /// The summary for maps and keys of any kind, one walk of the usage map per tool.
@@ -146,9 +142,12 @@ Ref summarise_any(const Scope& scope, const Tracker& tracker)
     Ref summary = pairs ? Ref::steal(PyList_New(0)) : Ref{};
     for (Py_ssize_t i = 0; summary && i < PyList_GET_SIZE(pairs.get()); ++i) {
         const Ref pair = Ref::borrow(PyList_GET_ITEM(pairs.get(), i));
-        PyObject* const name = PyTuple_GET_ITEM(pair.get(), 0);
-        const auto rows = [&] { return cpython::call_method(tracker.self(), names::usage_rows, name); };
-        if (!append(summary, make_record(scope, name, PyTuple_GET_ITEM(pair.get(), 1), rows))) {
+        std::array<Ref, 2> parts;
+        const auto rows = [&] {
+            return cpython::call_method(tracker.self(), names::usage_rows, parts[0].get());
+        };
+        if (!cpython::unpack(pair.get(), parts) ||
+            !append(summary, make_record(scope, parts[0].get(), parts[1].get(), rows))) {
             return {};
         }
     }
@@ -160,9 +159,9 @@ class GroupedSummary {
 public:
     GroupedSummary(const Scope& scope, const Tracker& tracker, Ref states, Ref usage)
         : scope_{scope}, tracker_{tracker}, states_{std::move(states)}, usage_{std::move(usage)},
-          usage_size_{PyDict_GET_SIZE(usage_.get())}, index_{Ref::steal(PyDict_New())},
-          tools_{static_cast<std::size_t>(PyDict_GET_SIZE(states_.get()) + usage_size_)},
-          entries_{static_cast<std::size_t>(usage_size_)}
+          index_{Ref::steal(PyDict_New())},
+          tools_{static_cast<std::size_t>(PyDict_GET_SIZE(states_.get()) + PyDict_GET_SIZE(usage_.get()))},
+          entries_{static_cast<std::size_t>(PyDict_GET_SIZE(usage_.get()))}
     {
     }
 
@@ -235,10 +234,9 @@ private:
     Answer list_usage()
     {
         Py_ssize_t position = 0;
-        Py_ssize_t next_position = 0;
         PyObject* key = nullptr;
         PyObject* usage = nullptr;
-        for (Py_ssize_t at = 0; PyDict_Next(usage_.get(), &next_position, &key, &usage) != 0; ++at) {
+        for (Py_ssize_t at = 0; PyDict_Next(usage_.get(), &position, &key, &usage) != 0; ++at) {
             if (!PyTuple_CheckExact(key) || PyTuple_GET_SIZE(key) != static_cast<Py_ssize_t>(key_parts) ||
                 !PyUnicode_CheckExact(PyTuple_GET_ITEM(key, 0))) {
                 return Answer::no;
@@ -249,11 +247,10 @@ private:
             }
             Entry& entry = entries_[static_cast<std::size_t>(at)];
             entry.key = Ref::borrow(key);
-            entry.position = position;
+            entry.usage = Ref::borrow(usage);
             (tool->last_entry == no_entry ? tool->first_entry
                                           : entries_[static_cast<std::size_t>(tool->last_entry)].next) = at;
             tool->last_entry = at;
-            position = next_position;
         }
         return Answer::yes;
     }
@@ -263,10 +260,10 @@ private:
         const ToolStateClass& records = originals(scope_).tool_state;
         for (Tool& tool : tools_.first(tool_count_)) {
             if (!tool.state) {
-                const Ref type = scope_.global(names::tool_state);
-                if (!type || !records.is_original(type.get())) {
-                    PyErr_Clear();  // raised again, in its place, by the general way
-                    return Answer::no;
+                Ref type;
+                const Answer found = scope_.find_global(names::tool_state, type);
+                if (found != Answer::yes || !records.is_original(type.get())) {
+                    return found == Answer::failed ? found : Answer::no;
                 }
                 tool.state = records.make(type.get());
                 if (!tool.state) {
@@ -285,116 +282,37 @@ private:
         return Answer::yes;
     }
 
-    /// `self._usage_rows(name)`, from the grouped entries as long as the method is the module's own and the usage map
-    /// holds the keys that were grouped.
+    /// `self._usage_rows(name)`, from the tool's group as long as the method is the module's own and the usage map the
+    /// one that was grouped.
     Ref usage_of(const Tool& tool)
     {
         const Ref method = attr(tracker_.self(), names::usage_rows);
         if (!method) {
             return {};
         }
-        const bool own = tracker_.has_plain_fields() && PyMethod_Check(method.get()) &&
-                         PyMethod_GET_SELF(method.get()) == tracker_.self() &&
-                         scope_.owns(PyMethod_GET_FUNCTION(method.get()), cpython::enter<usage_rows, 2, 0>);
-        const Ref usage = own ? tracker_.get(tracker_field::usage) : Ref{};
-        if (own && !usage) {
-            return {};
+        if (!PyMethod_Check(method.get()) || PyMethod_GET_SELF(method.get()) != tracker_.self() ||
+            !scope_.owns(PyMethod_GET_FUNCTION(method.get()), cpython::enter<usage_rows, 2, 0>)) {
+            return cpython::call(method.get(), tool.name.get());
         }
-        const bool as_grouped = own && usage.get() == usage_.get() && has_grouped_keys(tool);
-        return as_grouped ? grouped_rows(tool) : cpython::call(method.get(), tool.name.get());
-    }
-
-    /// Whether the key of an entry is still at its position.
-    [[nodiscard]] bool stands(const Entry& entry) const
-    {
-        Py_ssize_t position = entry.position;
-        PyObject* key = nullptr;
-        return PyDict_Next(usage_.get(), &position, &key, nullptr) != 0 && key == entry.key.get();
-    }
-
-    /// Whether nothing has been added to the usage map: it ends where it ended.
-    [[nodiscard]] bool has_grouped_end()
-    {
-        if (usage_size_ == 0) {
-            return PyDict_GET_SIZE(usage_.get()) == 0;
+        const Ref usage = tracker_.get(tracker_field::usage);
+        if (!usage || usage.get() != usage_.get()) {
+            return usage ? rows_of(scope_, usage.get(), tool.name.get()) : Ref{};
         }
-        const Entry& last = entries_[static_cast<std::size_t>(usage_size_ - 1)];
-        Py_ssize_t behind = last.position + 1;
-        return stands(last) && PyDict_Next(usage_.get(), &behind, nullptr, nullptr) == 0;
-    }
-
-    /// Whether a walk of the usage map would meet the same keys for the tool as when they were grouped.
-    [[nodiscard]] bool has_grouped_keys(const Tool& tool)
-    {
-        bool same = PyDict_GET_SIZE(usage_.get()) == usage_size_ && has_grouped_end();
-        for (Py_ssize_t at = tool.first_entry; same && at != no_entry;) {
-            const Entry& entry = entries_[static_cast<std::size_t>(at)];
-            same = stands(entry);
-            at = entry.next;
-        }
-        return same;
-    }
-
-    Ref grouped_rows(const Tool& tool)
-    {
         const Ref rows = Ref::steal(PyList_New(0));
         for (Py_ssize_t at = tool.first_entry; rows && at != no_entry;) {
             const Entry& entry = entries_[static_cast<std::size_t>(at)];
-            if (!add_row_at(tool, rows, entry.position)) {
+            if (!add_row(scope_, tool.name.get(), entry.key.get(), entry.usage.get(), rows)) {
                 return {};
-            }
-            const bool next_stands =
-                entry.next == no_entry || stands(entries_[static_cast<std::size_t>(entry.next)]);
-            if (!next_stands || !has_grouped_end()) {
-                return walk_on(tool, rows, entry.position + 1, at + 1);
             }
             at = entry.next;
         }
-        return rows ? sorted_rows(rows) : Ref{};
-    }
-
-    /// Adds the row of the entry at a position, and then minds the size of the map, as an iterator of it would.
-    bool add_row_at(const Tool& tool, const Ref& rows, Py_ssize_t position)
-    {
-        PyObject* key = nullptr;
-        PyObject* usage = nullptr;
-        if (PyDict_Next(usage_.get(), &position, &key, &usage) == 0) {
-            return true;
-        }
-        const Ref held_key = Ref::borrow(key);
-        const Ref held_usage = Ref::borrow(usage);
-        if (!add_if_of_tool(scope_, tool.name.get(), held_key.get(), held_usage.get(), rows)) {
-            return false;
-        }
-        if (PyDict_GET_SIZE(usage_.get()) != usage_size_) {
-            PyErr_SetString(PyExc_RuntimeError, "dictionary changed size during iteration");
-            return false;
-        }
-        return true;
-    }
-
-    /// The rest of the walk, from a position on, over a map whose keys somebody has exchanged meanwhile. An iterator
-    /// gives out no more entries than there were at its start; `met` of them are behind.
-    Ref walk_on(const Tool& tool, const Ref& rows, Py_ssize_t position, Py_ssize_t met)
-    {
-        for (Py_ssize_t next = position; PyDict_Next(usage_.get(), &next, nullptr, nullptr) != 0;
-             position = next, ++met) {
-            if (met == usage_size_) {
-                PyErr_SetString(PyExc_RuntimeError, "dictionary keys changed during iteration");
-                return {};
-            }
-            if (!add_row_at(tool, rows, position)) {
-                return {};
-            }
-        }
-        return sorted_rows(rows);
+        return rows ? sorted_rows(scope_, rows) : Ref{};
     }
 
     const Scope& scope_;
     const Tracker& tracker_;
     Ref states_;
     Ref usage_;
-    Py_ssize_t usage_size_;
     Ref index_;  // tool name to its place among the tools
     Scratch<Tool> tools_;
     std::size_t tool_count_ = 0;
@@ -404,7 +322,7 @@ private:
 /// The summary, under the lock.
 Ref summarise(const Scope& scope, const Tracker& tracker)
 {
-    if (!tracker.has_plain_fields()) {
+    if (!tracker.is_plain(tracker_field::state) || !tracker.is_plain(tracker_field::usage)) {
         return summarise_any(scope, tracker);  // how often a field is read may show
     }
     Ref states = tracker.get(tracker_field::state);
@@ -428,14 +346,19 @@ Ref summarise(const Scope& scope, const Tracker& tracker)
 
 }  // namespace
 
+bool keep_tool_order(Originals& originals)
+{
+    return originals.worst_first.set_function(rank_of_pair_definition, names::sort, names::key);
+}
+
 Ref get_health_summary(const Scope& scope, PyObject* const* arguments)
 {
     Ref summary;
-    const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
+    const cpython::BlockEnd end = locked(scope, arguments[0], [&](const Tracker& tracker) {
         summary = summarise(scope, tracker);
         return static_cast<bool>(summary);
     });
-    return result_of(left, std::move(summary));
+    return result_of(end, std::move(summary));
 }
 
 }  // namespace health

@@ -88,40 +88,13 @@ Ref kept_error_text(PyObject* error)
     return slice ? cpython::item(error, slice.get()) : Ref{};
 }
 
-/// `self._limits.disable_cooldown_s`
-Ref cooldown_setting(const Tracker& tracker)
-{
-    const Ref settings = tracker.get(tracker_field::limits);
-    return settings ? attr(settings.get(), names::disable_cooldown_s) : Ref{};
-}
-
-/// `self.cooldown_s`
-Ref cooldown_of(const Scope& scope, const Tracker& tracker)
-{
-    const Ref getter = originals(scope).tracker.cooldown_getter(tracker.self());
-    return getter && scope.owns(getter.get(), cpython::enter<cooldown_s, 1, 0>)
-               ? cooldown_setting(tracker)
-               : attr(tracker.self(), names::cooldown_s);
-}
-
 /// `now - disabled_at >= self.cooldown_s`
-Answer is_over(const Scope& scope, const Tracker& tracker, PyObject* now, Ref disabled_at)
+Answer is_over(const Tracker& tracker, PyObject* now, Ref disabled_at)
 {
-    if (!PyFloat_CheckExact(now) || !PyFloat_CheckExact(disabled_at.get())) {
-        const Ref elapsed = Ref::steal(PyNumber_Subtract(now, disabled_at.get()));
-        disabled_at = Ref{};
-        const Ref cooldown = elapsed ? cooldown_of(scope, tracker) : Ref{};
-        return cooldown ? cpython::is_at_least(elapsed.get(), cooldown.get()) : Answer::failed;
-    }
-    // Plain floats are compared without making an object of their difference.
-    const double seconds = PyFloat_AS_DOUBLE(now) - PyFloat_AS_DOUBLE(disabled_at.get());
+    const Ref elapsed = Ref::steal(PyNumber_Subtract(now, disabled_at.get()));
     disabled_at = Ref{};
-    const Ref cooldown = cooldown_of(scope, tracker);
-    if (cooldown && PyFloat_CheckExact(cooldown.get())) {
-        return seconds >= PyFloat_AS_DOUBLE(cooldown.get()) ? Answer::yes : Answer::no;
-    }
-    const Ref elapsed = cooldown ? Ref::steal(PyFloat_FromDouble(seconds)) : Ref{};
-    return elapsed ? cpython::is_at_least(elapsed.get(), cooldown.get()) : Answer::failed;
+    const Ref cooldown = elapsed ? attr(tracker.self(), names::cooldown_s) : Ref{};
+    return cooldown ? cpython::is_at_least(elapsed.get(), cooldown.get()) : Answer::failed;
 }
 
 /// One successful call of the tool.
@@ -178,7 +151,7 @@ bool count_call(const Scope& scope, const Tracker& tracker, PyObject* key, PyObj
                                    !records.add(usage.get(), usage_record::total_ms, duration_ms))) {
         return false;
     }
-    return tracker.mark_usage(true);
+    return tracker.set(tracker_field::usage_dirty, Py_True);
 }
 
 /// Ends a disablement whose cooldown is over.
@@ -208,7 +181,7 @@ Ref disabled_answer(const Scope& scope, const Tracker& tracker, PyObject* tool_n
     if (!disabled_at) {
         return {};
     }
-    switch (is_over(scope, tracker, asked_at.get(), std::move(disabled_at))) {
+    switch (is_over(tracker, asked_at.get(), std::move(disabled_at))) {
     case Answer::failed:
         return {};
     case Answer::yes:
@@ -279,35 +252,36 @@ Ref record_call(const Scope& scope, PyObject* const* arguments)
 {
     Ref usage;
     Ref key;
-    const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
+    const cpython::BlockEnd end = locked(scope, arguments[0], [&](const Tracker& tracker) {
         key = cpython::tuple_of(Ref::borrow(arguments[1]), Ref::borrow(arguments[2]),
                                 Ref::borrow(arguments[3]), Ref::borrow(arguments[4]));
         return key && count_call(scope, tracker, key.get(), arguments[5], usage);
     });
-    return result_of(left, cpython::none());
+    return result_of(end, cpython::none());
 }
 
 Ref record_success(const Scope& scope, PyObject* const* arguments)
 {
     Ref state;
-    const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
+    const cpython::BlockEnd end = locked(scope, arguments[0], [&](const Tracker& tracker) {
         return count_success(scope, tracker, arguments[1], state);
     });
-    return result_of(left, cpython::none());
+    return result_of(end, cpython::none());
 }
 
 Ref record_error(const Scope& scope, PyObject* const* arguments)
 {
     Ref state;
-    const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
+    const cpython::BlockEnd end = locked(scope, arguments[0], [&](const Tracker& tracker) {
         return count_error(scope, tracker, arguments[1], arguments[2], state);
     });
-    return result_of(left, cpython::none());
+    return result_of(end, cpython::none());
 }
 
-Ref cooldown_s(const Scope& scope, PyObject* const* arguments)
+Ref cooldown_s(const Scope& /*scope*/, PyObject* const* arguments)
 {
-    return cooldown_setting(Tracker{scope, arguments[0]});
+    const Ref settings = attr(arguments[0], names::limits);
+    return settings ? attr(settings.get(), names::disable_cooldown_s) : Ref{};
 }
 
 Ref is_disabled(const Scope& scope, PyObject* const* arguments)
@@ -315,17 +289,17 @@ Ref is_disabled(const Scope& scope, PyObject* const* arguments)
     Ref asked_at;
     Ref state;
     Ref result;
-    const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
+    const cpython::BlockEnd end = locked(scope, arguments[0], [&](const Tracker& tracker) {
         result = disabled_answer(scope, tracker, arguments[1], state, asked_at);
         return static_cast<bool>(result);
     });
-    return result_of(left, std::move(result));
+    return result_of(end, std::move(result));
 }
 
 Ref has_unsaved_changes(const Scope& scope, PyObject* const* arguments)
 {
     Ref result;
-    const cpython::Left left = locked(scope, arguments[0], [&](const Tracker& tracker) {
+    const cpython::BlockEnd end = locked(scope, arguments[0], [&](const Tracker& tracker) {
         const Ref dirty = tracker.get(tracker_field::dirty);
         const Answer any = dirty ? cpython::truth(dirty.get()) : Answer::failed;
         if (any != Answer::failed) {
@@ -333,7 +307,7 @@ Ref has_unsaved_changes(const Scope& scope, PyObject* const* arguments)
         }
         return static_cast<bool>(result);
     });
-    return result_of(left, std::move(result));
+    return result_of(end, std::move(result));
 }
 
 }  // namespace health

@@ -15,54 +15,48 @@ using UsageKey = std::array<Ref, key_parts>;  // tool, action or None, outcome, 
 /// A tracker as its operations see it. No field of it is kept here: every access reads the object as it is now.
 class Tracker {
 public:
-    Tracker(const Scope& scope, PyObject* self) : class_{originals(scope).tracker}, self_{self}
+    Tracker(const Scope& scope, PyObject* self)
+        : class_{originals(scope).tracker}, self_{self}, fields_{_PyObject_GetDictPtr(self)}
     {
-        if (class_.has_plain_fields(self)) {
-            fields_ = _PyObject_GetDictPtr(self);  // null for want of memory, without an error
-        }
     }
 
     [[nodiscard]] PyObject* self() const { return self_; }
 
-    /// Whether reading a field runs no foreign code.
-    [[nodiscard]] bool has_plain_fields() const { return plain_fields() != nullptr; }
+    /// Whether the field is just an entry of the instance's dictionary: attribute access is the usual one and the class
+    /// has nothing under the name, as is known of our own as it was made. The interpreter's cache tells of any other.
+    [[nodiscard]] bool is_plain(const Field& field) const
+    {
+        PyTypeObject* const type = Py_TYPE(self_);
+        return class_.is_class_of(self_) ||
+               (type->tp_getattro == PyObject_GenericGetAttr &&
+                type->tp_setattro == PyObject_GenericSetAttr && _PyType_Lookup(type, field.name) == nullptr);
+    }
 
     /// `self.field`
     [[nodiscard]] Ref get(const Field& field) const
     {
-        if (PyObject* const fields = plain_fields()) {
-            // The constructor's order is where a field usually is.
-            const cpython::EntryHint hint{static_cast<Py_ssize_t>(field.index)};
-            if (PyObject* const value = hint.look(fields, field.name)) {
-                return Ref::borrow(value);
-            }
-        }
-        return cpython::attr(self_, field.name);
+        PyObject* const value = look(field);
+        return value != nullptr ? Ref::borrow(value) : cpython::attr(self_, field.name);
     }
 
-    /// `self._usage_dirty = value`; storing what is there already would change nothing.
-    [[nodiscard]] bool mark_usage(bool value) const
+    /// `self.field = value`; storing what is there already would change nothing.
+    [[nodiscard]] bool set(const Field& field, PyObject* value) const
     {
-        PyObject* const mark = value ? Py_True : Py_False;
-        if (PyObject* const fields = plain_fields()) {
-            const cpython::EntryHint hint{static_cast<Py_ssize_t>(tracker_field::usage_dirty.index)};
-            if (hint.look(fields, names::usage_dirty) == mark) {
-                return true;
-            }
-        }
-        return cpython::set_attr(self_, names::usage_dirty, mark);
+        return look(field) == value || cpython::set_attr(self_, field.name, value);
     }
 
 private:
-    /// The instance dictionary as long as the fields are just its entries; borrowed until foreign code runs.
-    [[nodiscard]] PyObject* plain_fields() const
+    /// The field where the constructor's order has put it, borrowed; null without an error where that can not tell.
+    [[nodiscard]] PyObject* look(const Field& field) const
     {
-        return fields_ != nullptr && class_.has_plain_fields(self_) ? *fields_ : nullptr;
+        return fields_ != nullptr && is_plain(field) && *fields_ != nullptr
+                   ? cpython::value_at(*fields_, static_cast<Py_ssize_t>(field.index), field.name)
+                   : nullptr;
     }
 
-    TrackerClass& class_;
+    const cpython::KnownType& class_;
     PyObject* self_;
-    PyObject** fields_ = nullptr;  // where the object has its dictionary, which can be exchanged
+    PyObject** fields_;  // the place of the object's dictionary, which may change; null for want of memory
 };
 
 // Construction and settings
@@ -81,6 +75,8 @@ Ref has_unsaved_changes(const Scope& scope, PyObject* const* arguments);
 // The health summary
 Ref get_health_summary(const Scope& scope, PyObject* const* arguments);
 Ref usage_rows(const Scope& scope, PyObject* const* arguments);
+[[nodiscard]] bool keep_tool_order(Originals& originals);
+[[nodiscard]] bool keep_row_order(Originals& originals);
 
 // History persistence
 Ref load(const Scope& scope, PyObject* const* arguments);
@@ -91,12 +87,12 @@ Ref flush_health(const Scope& scope, PyObject* const* arguments);
 
 /// `with self._lock: body(tracker)`; the body answers whether it got to its end.
 template <class Body>
-cpython::Left locked(const Scope& scope, PyObject* self, Body&& body)
+cpython::BlockEnd locked(const Scope& scope, PyObject* self, Body&& body)
 {
     const Tracker tracker{scope, self};
     const Ref lock = tracker.get(tracker_field::lock);
     return lock ? cpython::with_lock(originals(scope).lock, lock.get(), [&] { return body(tracker); })
-                : cpython::Left::failed;
+                : cpython::BlockEnd::failed;
 }
 
 /// `self._repo.db.name`, a method of the repository's database
@@ -108,14 +104,14 @@ inline Ref database_method(PyObject* self, PyObject* name)
 }
 
 /// What a function returns whose last statement is that `with` block: its result, or None after a swallowed error.
-inline Ref result_of(cpython::Left left, Ref&& result)
+inline Ref result_of(cpython::BlockEnd end, Ref&& result)
 {
-    switch (left) {
-    case cpython::Left::done:
+    switch (end) {
+    case cpython::BlockEnd::reached:
         return std::move(result);
-    case cpython::Left::swallowed:
+    case cpython::BlockEnd::swallowed:
         return cpython::none();
-    case cpython::Left::failed:
+    case cpython::BlockEnd::failed:
         break;
     }
     return {};

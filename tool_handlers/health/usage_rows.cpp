@@ -29,50 +29,6 @@ Ref mean_ms(const Scope& scope, PyObject* usage)
     return mean ? rounded(scope, mean.get(), 2) : Ref{};
 }
 
-/// What decides the place of a row among the rows of its tool, when it is all plain.
-struct RowRank {
-    Ref row;
-    Ref action;  // as text
-    Ref outcome;
-    Ref alias_hit;
-    long long calls = 0;
-    std::size_t place = 0;  // keeps the order of equals
-
-    /// False when this row needs the general sort. Runs no foreign code: a row is a dictionary of our own making.
-    bool read(PyObject* from, std::size_t at)
-    {
-        Ref count;
-        PyDict_GetItemRef(from, names::calls, count.out());
-        PyDict_GetItemRef(from, names::action, action.out());
-        PyDict_GetItemRef(from, names::outcome, outcome.out());
-        PyDict_GetItemRef(from, names::alias_hit, alias_hit.out());
-        if (!count || !action || !outcome || !alias_hit) {
-            return false;
-        }
-        if (action.get() == Py_None) {
-            action = Ref::borrow(names::none_text);
-        }
-        row = Ref::borrow(from);
-        place = at;
-        return cpython::as_number(count.get(), calls) && PyUnicode_CheckExact(action.get()) &&
-               PyUnicode_CheckExact(outcome.get()) && PyBool_Check(alias_hit.get());
-    }
-
-    [[nodiscard]] bool precedes(const RowRank& other) const
-    {
-        if (calls != other.calls) {
-            return calls > other.calls;
-        }
-        if (const int order = PyUnicode_Compare(action.get(), other.action.get()); order != 0) {
-            return order < 0;
-        }
-        if (const int order = PyUnicode_Compare(outcome.get(), other.outcome.get()); order != 0) {
-            return order < 0;
-        }
-        return alias_hit.get() != other.alias_hit.get() ? alias_hit.get() == Py_False : place < other.place;
-    }
-};
-
 /// The key of the general sort: `(-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"])`.
 PyObject* rank_of_row(PyObject* /*module*/, PyObject* row)
 {
@@ -105,48 +61,25 @@ Ref make_row(const Scope& scope, PyObject* tool_name, const UsageKey& key, PyObj
 
 }  // namespace
 
-bool add_if_of_tool(const Scope& scope, PyObject* tool_name, PyObject* key, PyObject* usage, const Ref& rows)
+bool add_row(const Scope& scope, PyObject* tool_name, PyObject* key, PyObject* usage, const Ref& rows)
 {
     UsageKey parts;
-    if (!cpython::unpack(key, parts)) {
-        return false;
-    }
-    const Answer asked = cpython::compare(parts[0].get(), tool_name, Py_EQ);
-    return asked == Answer::yes ? append(rows, make_row(scope, tool_name, parts, usage))
-                                : asked == Answer::no;
+    return cpython::unpack(key, parts) && append(rows, make_row(scope, tool_name, parts, usage));
 }
 
-Ref sorted_rows(const Ref& rows)
+bool keep_row_order(Originals& originals)
 {
-    const auto count = static_cast<std::size_t>(PyList_GET_SIZE(rows.get()));
-    if (count == 0) {
-        return rows.copy();
-    }
-    Scratch<RowRank> ranks{count};
-    if (!ranks) {
-        return {};
-    }
-    bool all_plain = true;
-    for (std::size_t i = 0; all_plain && i < count; ++i) {
-        all_plain = ranks[i].read(PyList_GET_ITEM(rows.get(), static_cast<Py_ssize_t>(i)), i);
-    }
-    if (!all_plain) {
-        return cpython::sort_by(rows.get(), names::sort, names::key, rank_of_row_definition) ? rows.copy()
-                                                                                             : Ref{};
-    }
-    std::ranges::sort(ranks, &RowRank::precedes);
-    Ref ordered = Ref::steal(PyList_New(static_cast<Py_ssize_t>(count)));
-    for (std::size_t i = 0; ordered && i < count; ++i) {
-        PyList_SET_ITEM(ordered.get(), static_cast<Py_ssize_t>(i), ranks[i].row.release());
-    }
-    return ordered;
+    return originals.most_first.set_function(rank_of_row_definition, names::sort, names::key);
 }
 
-Ref usage_rows(const Scope& scope, PyObject* const* arguments)
+Ref sorted_rows(const Scope& scope, const Ref& rows)
 {
-    PyObject* const tool_name = arguments[1];
-    const Ref usage = attr(arguments[0], names::usage);
-    const Ref items = usage ? cpython::call_method(usage.get(), names::items) : Ref{};
+    return originals(scope).most_first.sort(rows.get()) ? rows.copy() : Ref{};
+}
+
+Ref rows_of(const Scope& scope, PyObject* usage, PyObject* tool_name)
+{
+    const Ref items = cpython::call_method(usage, names::items);
     const Ref entries = items ? Ref::steal(PyObject_GetIter(items.get())) : Ref{};
     const Ref rows = entries ? Ref::steal(PyList_New(0)) : Ref{};
     if (!rows) {
@@ -154,12 +87,23 @@ Ref usage_rows(const Scope& scope, PyObject* const* arguments)
     }
     while (const Ref entry = Ref::steal(PyIter_Next(entries.get()))) {
         std::array<Ref, 2> pair;
-        if (!cpython::unpack(entry.get(), pair) ||
-            !add_if_of_tool(scope, tool_name, pair[0].get(), pair[1].get(), rows)) {
+        UsageKey key;
+        if (!cpython::unpack(entry.get(), pair) || !cpython::unpack(pair[0].get(), key)) {
+            return {};
+        }
+        const Answer asked = cpython::compare(key[0].get(), tool_name, Py_EQ);
+        if (asked == Answer::failed ||
+            (asked == Answer::yes && !append(rows, make_row(scope, tool_name, key, pair[1].get())))) {
             return {};
         }
     }
-    return PyErr_Occurred() == nullptr ? sorted_rows(rows) : Ref{};
+    return PyErr_Occurred() == nullptr ? sorted_rows(scope, rows) : Ref{};
+}
+
+Ref usage_rows(const Scope& scope, PyObject* const* arguments)
+{
+    const Ref usage = cpython::attr(arguments[0], names::usage);
+    return usage ? rows_of(scope, usage.get(), arguments[1]) : Ref{};
 }
 
 }  // namespace health

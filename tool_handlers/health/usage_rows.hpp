@@ -5,10 +5,14 @@
 
 namespace health {
 
-/// Adds the row of a usage count, if it is one of the tool's.
-bool add_if_of_tool(const Scope& scope, PyObject* tool_name, PyObject* key, PyObject* usage, const Ref& rows);
+/// The rows of the tool among the usage counts, a map of any kind.
+Ref rows_of(const Scope& scope, PyObject* usage, PyObject* tool_name);
 
-/// The rows in their order: the same list, sorted, or a new one.
-Ref sorted_rows(const Ref& rows);
+/// Adds the row of one usage count.
+[[nodiscard]] bool add_row(const Scope& scope, PyObject* tool_name, PyObject* key, PyObject* usage,
+                           const Ref& rows);
+
+/// The rows in their order: the same list, sorted.
+Ref sorted_rows(const Scope& scope, const Ref& rows);
 
 }  // namespace health

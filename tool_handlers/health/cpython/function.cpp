@@ -17,19 +17,22 @@ Name co_nlocals{"co_nlocals"};
 Name co_varnames{"co_varnames"};
 Name co_consts{"co_consts"};
 Name co_flags{"co_flags"};
+Name co_filename{"co_filename"};
 Name co_qualname{"co_qualname"};
 Name file{"__file__"};
 Name doc{"__doc__"};
 Name name{"name"};
 }  // namespace names
 
-/// The constant of an operation's code. One of them, made first, owns what the import keeps; the others share it.
+/// The constant of an operation's code. One more of them, in no code, owns what the import keeps.
 struct Keepsake {
     PyObject ob_base;
-    vectorcallfunc entry;  // of the operation whose code this belongs to
     void* kept;
-    void (*destroy)(void*);  // null in those that share
-    PyObject* owner;         // null in the one that owns
+    void (*destroy)(void*);  // null in those of the operations
+    PyObject* owner;         // the one that owns; null there
+    vectorcallfunc entry;    // of the operation
+    PyObject*
+        parameters;  // the very tuple of names in its code; owned, so that no other tuple can be taken for it
 };
 
 void dealloc_keepsake(PyObject* self)
@@ -37,39 +40,44 @@ void dealloc_keepsake(PyObject* self)
     const Ref type = Ref::steal(reinterpret_cast<PyObject*>(Py_TYPE(self)));
     const auto* const keepsake = reinterpret_cast<Keepsake*>(self);
     const Ref owner = Ref::steal(keepsake->owner);
+    const Ref parameters = Ref::steal(keepsake->parameters);
     if (keepsake->destroy != nullptr) {
         keepsake->destroy(keepsake->kept);
     }
     reinterpret_cast<PyTypeObject*>(type.get())->tp_free(self);
 }
 
-/// The keepsake for the code of one more operation.
-Ref share_keepsake(PyObject* owner, vectorcallfunc entry)
+Ref new_keepsake(PyObject* type, void* kept)
 {
-    Ref shared = Ref::steal(PyType_GenericAlloc(Py_TYPE(owner), 0));
-    if (shared) {
-        auto* const fields = reinterpret_cast<Keepsake*>(shared.get());
-        fields->entry = entry;
-        fields->kept = reinterpret_cast<Keepsake*>(owner)->kept;
-        fields->owner = Py_NewRef(owner);
+    Ref keepsake = Ref::steal(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(type), 0));
+    if (keepsake) {
+        reinterpret_cast<Keepsake*>(keepsake.get())->kept = kept;
     }
-    return shared;
+    return keepsake;
 }
 
-/// The keepsake in the function's code, if that is the code which this very operation was made with: somebody may have
-/// assigned other code, that of another operation included. No other class deallocates with our function.
+PyCodeObject* code_of(const PyFunctionObject* function)
+{
+    return reinterpret_cast<PyCodeObject*>(function->func_code);
+}
+
+/// The keepsake in the function's code, if that is the very code which this operation was made with: somebody may have
+/// assigned a copy, changed or not, or the code of another operation. Every code object has a tuple of names of its
+/// own, made with it, so that its identity tells; and no other class deallocates with our function.
 Keepsake* keepsake_of(const PyFunctionObject* function)
 {
-    PyObject* const constants = reinterpret_cast<PyCodeObject*>(function->func_code)->co_consts;
-    if (PyTuple_GET_SIZE(constants) != 1) {
+    const PyCodeObject* const code = code_of(function);
+    if (PyTuple_GET_SIZE(code->co_consts) != 1) {
         return nullptr;
     }
-    PyObject* const constant = PyTuple_GET_ITEM(constants, 0);
+    PyObject* const constant = PyTuple_GET_ITEM(code->co_consts, 0);
     if (Py_TYPE(constant)->tp_dealloc != dealloc_keepsake) {
         return nullptr;
     }
     auto* const keepsake = reinterpret_cast<Keepsake*>(constant);
-    return keepsake->entry == function->vectorcall ? keepsake : nullptr;
+    return keepsake->parameters == code->co_localsplusnames && keepsake->entry == function->vectorcall
+               ? keepsake
+               : nullptr;
 }
 
 void raise_name_error(PyObject* name)
@@ -96,45 +104,57 @@ Ref make_variables(const Operation& operation)
     return variables;
 }
 
-/// A code object that only raises, under the name of the operation and the module's file.
-Ref make_empty_code(const Operation& operation, PyObject* globals)
+bool change(const Ref& changes, PyObject* name, const Ref& value)
 {
-    Ref file;
-    if (PyDict_GetItemRef(globals, names::file, file.out()) < 0) {
-        return {};
-    }
-    const char* path = file && PyUnicode_Check(file.get()) ? PyUnicode_AsUTF8(file.get()) : nullptr;
-    if (path == nullptr) {
-        PyErr_Clear();
-        path = "<extension module>";
-    }
-    return Ref::steal(reinterpret_cast<PyObject*>(PyCode_NewEmpty(path, operation.name, 1)));
+    return value && PyDict_SetItem(changes.get(), name, value.get()) == 0;
 }
 
-/// The code object: parameters and keepsake, and no instruction of ours.
-Ref make_code(const Operation& operation, PyObject* qualified_name, PyObject* globals, PyObject* keepsake)
+/// What `code.replace` is to change in a code object that only raises.
+Ref make_changes(const Operation& operation, PyObject* qualified_name, PyObject* globals, const Ref& constant)
 {
     const auto total = static_cast<long>(operation.parameters.size());
     const long keyword_only = std::ranges::count(operation.parameters, true, &Parameter::keyword_only);
-    const Ref variables = make_variables(operation);
-    const Ref shared = share_keepsake(keepsake, operation.entry);
-    const Ref constants = shared ? Ref::steal(PyTuple_Pack(1, shared.get())) : Ref{};
-    const Ref empty = constants ? make_empty_code(operation, globals) : Ref{};
-    const Ref replace = empty ? attr(empty.get(), names::replace) : Ref{};
-    const Ref changes = Ref::steal(PyDict_New());
-    const auto change = [&](PyObject* name, const Ref& value) {
-        return value && PyDict_SetItem(changes.get(), name, value.get()) == 0;
-    };
-    if (!replace || !changes || !change(names::co_varnames, variables) ||
-        !change(names::co_argcount, Ref::steal(PyLong_FromLong(total - keyword_only))) ||
-        !change(names::co_kwonlyargcount, Ref::steal(PyLong_FromLong(keyword_only))) ||
-        !change(names::co_nlocals, Ref::steal(PyLong_FromLong(total))) ||
-        !change(names::co_consts, constants) ||
-        !change(names::co_flags, Ref::steal(PyLong_FromLong(CO_NEWLOCALS | CO_FUTURE_ANNOTATIONS))) ||
-        !change(names::co_qualname, Ref::borrow(qualified_name))) {
+    Ref changes = Ref::steal(PyDict_New());
+    if (!changes || !change(changes, names::co_varnames, make_variables(operation)) ||
+        !change(changes, names::co_argcount, Ref::steal(PyLong_FromLong(total - keyword_only))) ||
+        !change(changes, names::co_kwonlyargcount, Ref::steal(PyLong_FromLong(keyword_only))) ||
+        !change(changes, names::co_nlocals, Ref::steal(PyLong_FromLong(total))) ||
+        !change(changes, names::co_consts, Ref::steal(PyTuple_Pack(1, constant.get()))) ||
+        !change(changes, names::co_flags,
+                Ref::steal(PyLong_FromLong(CO_NEWLOCALS | CO_FUTURE_ANNOTATIONS))) ||
+        !change(changes, names::co_qualname, Ref::borrow(qualified_name))) {
         return {};
     }
-    return Ref::steal(PyObject_VectorcallDict(replace.get(), nullptr, 0, changes.get()));
+    Ref file;
+    if (PyDict_GetItemRef(globals, names::file, file.out()) < 0 ||
+        (file && PyUnicode_Check(file.get()) && !change(changes, names::co_filename, file))) {
+        return {};
+    }
+    return changes;
+}
+
+/// The code object: parameters and keepsake, and no instruction of ours.
+Ref make_code(const Operation& operation, PyObject* qualified_name, PyObject* globals, PyObject* owner)
+{
+    const Ref constant =
+        new_keepsake(reinterpret_cast<PyObject*>(Py_TYPE(owner)), reinterpret_cast<Keepsake*>(owner)->kept);
+    if (!constant) {
+        return {};
+    }
+    auto* const keepsake = reinterpret_cast<Keepsake*>(constant.get());
+    keepsake->owner = Py_NewRef(owner);
+    keepsake->entry = operation.entry;
+    const Ref changes = make_changes(operation, qualified_name, globals, constant);
+    const Ref empty = changes ? Ref::steal(reinterpret_cast<PyObject*>(
+                                    PyCode_NewEmpty("<extension module>", operation.name, 1)))
+                              : Ref{};
+    const Ref replace = empty ? attr(empty.get(), names::replace) : Ref{};
+    Ref code =
+        replace ? Ref::steal(PyObject_VectorcallDict(replace.get(), nullptr, 0, changes.get())) : Ref{};
+    if (code) {
+        keepsake->parameters = Py_NewRef(reinterpret_cast<PyCodeObject*>(code.get())->co_localsplusnames);
+    }
+    return code;
 }
 
 Ref make_annotations(const Operation& operation)
@@ -228,11 +248,16 @@ Scope::Scope(PyObject* function)
     }
 }
 
+Answer Scope::find_global(PyObject* name, Ref& value) const
+{
+    const int found = PyDict_GetItemRef(globals_, name, value.out());
+    return answer(found != 0 ? found : PyDict_GetItemRef(builtins_, name, value.out()));
+}
+
 Ref Scope::global(PyObject* name) const
 {
     Ref value;
-    if (PyDict_GetItemRef(globals_, name, value.out()) == 0 &&
-        PyDict_GetItemRef(builtins_, name, value.out()) == 0) {
+    if (find_global(name, value) == Answer::no) {
         raise_name_error(name);
     }
     return value;
@@ -256,16 +281,13 @@ Ref make_keepsake(void* kept, void (*destroy)(void*))
                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
                      slots.data()};
     const Ref type = Ref::steal(PyType_FromSpec(&spec));
-    Ref keepsake =
-        type ? Ref::steal(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(type.get()), 0)) : Ref{};
-    if (!keepsake) {
+    Ref owner = type ? new_keepsake(type.get(), kept) : Ref{};
+    if (!owner) {
         destroy(kept);
         return {};
     }
-    auto* const fields = reinterpret_cast<Keepsake*>(keepsake.get());
-    fields->kept = kept;
-    fields->destroy = destroy;
-    return keepsake;
+    reinterpret_cast<Keepsake*>(owner.get())->destroy = destroy;
+    return owner;
 }
 
 Ref make_function(const Operation& operation, const char* owner, PyObject* globals, PyObject* keepsake)
@@ -273,20 +295,19 @@ Ref make_function(const Operation& operation, const char* owner, PyObject* globa
     const Ref qualified_name =
         Ref::steal(owner == nullptr ? PyUnicode_FromString(operation.name)
                                     : PyUnicode_FromFormat("%s.%s", owner, operation.name));
-    if (!qualified_name) {
+    const Ref code = qualified_name ? make_code(operation, qualified_name.get(), globals, keepsake) : Ref{};
+    Ref function =
+        code ? Ref::steal(PyFunction_NewWithQualName(code.get(), globals, qualified_name.get())) : Ref{};
+    const Ref annotations = function ? make_annotations(operation) : Ref{};
+    if (!annotations || PyFunction_SetAnnotations(function.get(), annotations.get()) != 0) {
         return {};
     }
-    const Ref code = make_code(operation, qualified_name.get(), globals, keepsake);
-    const Ref annotations = make_annotations(operation);
     const Ref defaults = make_defaults(operation);
-    const Ref doc = Ref::steal(PyUnicode_FromString(operation.doc));
-    if (!code || !annotations || !defaults || !doc) {
+    if (!defaults || PyFunction_SetDefaults(function.get(), defaults.get()) != 0) {
         return {};
     }
-    Ref function = Ref::steal(PyFunction_NewWithQualName(code.get(), globals, qualified_name.get()));
-    if (!function || PyFunction_SetAnnotations(function.get(), annotations.get()) != 0 ||
-        PyFunction_SetDefaults(function.get(), defaults.get()) != 0 ||
-        !set_attr(function.get(), names::doc, doc.get())) {
+    const Ref doc = Ref::steal(PyUnicode_FromString(operation.doc));
+    if (!doc || !set_attr(function.get(), names::doc, doc.get())) {
         return {};
     }
     auto* const as_function = reinterpret_cast<PyFunctionObject*>(function.get());
@@ -303,15 +324,14 @@ PyObject* call_interpreted(PyObject* function, PyObject* const* arguments, std::
 
 bool are_last_parameters(PyObject* function, PyObject* keywords, std::size_t first)
 {
-    const auto* const code =
-        reinterpret_cast<PyCodeObject*>(reinterpret_cast<PyFunctionObject*>(function)->func_code);
+    PyObject* const parameters = code_of(reinterpret_cast<PyFunctionObject*>(function))->co_localsplusnames;
     const Py_ssize_t count = PyTuple_GET_SIZE(keywords);
     const auto skipped = static_cast<Py_ssize_t>(first);
-    if (skipped + count != PyTuple_GET_SIZE(code->co_localsplusnames)) {
+    if (skipped + count != PyTuple_GET_SIZE(parameters)) {
         return false;
     }
     for (Py_ssize_t i = 0; i < count; ++i) {
-        if (PyTuple_GET_ITEM(keywords, i) != PyTuple_GET_ITEM(code->co_localsplusnames, skipped + i)) {
+        if (PyTuple_GET_ITEM(keywords, i) != PyTuple_GET_ITEM(parameters, skipped + i)) {
             return false;
         }
     }
@@ -326,11 +346,7 @@ Answer bind(PyObject* function, PyObject* const* arguments, std::size_t given, P
     if (given > count - binding.keyword_only) {
         return Answer::no;
     }
-    const Ref parameters =
-        Ref::borrow(reinterpret_cast<PyCodeObject*>(as_function->func_code)->co_localsplusnames);
-    if (PyTuple_GET_SIZE(parameters.get()) != static_cast<Py_ssize_t>(count)) {
-        return Answer::no;  // our code, but with other parameters by now
-    }
+    const Ref parameters = Ref::borrow(code_of(as_function)->co_localsplusnames);
     std::copy_n(arguments, given, binding.values.begin());
     const std::size_t named = keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(keywords));
     for (std::size_t i = 0; i < named; ++i) {

@@ -36,7 +36,7 @@ class Scope {
 public:
     explicit Scope(PyObject* function);
 
-    /// False when the function's code is not ours: somebody has assigned `__code__`.
+    /// False when the function's code is not its own: somebody has assigned `__code__`.
     explicit operator bool() const { return static_cast<bool>(keepsake_); }
 
     /// The module's namespace, borrowed.
@@ -44,6 +44,9 @@ public:
 
     /// A global name: the namespace first, then the builtins, else NameError.
     [[nodiscard]] Ref global(PyObject* name) const;
+
+    /// The same, but no error for a name that is in neither.
+    Answer find_global(PyObject* name, Ref& value) const;
 
     /// Whether `value` is a function of this module whose calls end in `entry`, so that its body can be called at once.
     [[nodiscard]] bool owns(PyObject* value, vectorcallfunc entry) const;
@@ -115,20 +118,25 @@ PyObject* call_interpreted(PyObject* function, PyObject* const* arguments, std::
 /// Whether the keywords are just the last parameters, in order.
 bool are_last_parameters(PyObject* function, PyObject* keywords, std::size_t first);
 
-/// Ends a recursion that never passes through bytecode, say a setting that is a property of ours, with RecursionError.
-/// The interpreter's own check starts a few operations deep, as it costs as much as a look-up and hardly any operation
-/// calls another. The count is of all threads: those that wait inside an operation only make the check start earlier.
+/// Ends a recursion that never passes through bytecode, say a setting that is a property of ours, with RecursionError,
+/// well before the C stack ends. The interpreter allows a thread 10,000 nested C calls (500 in its debug build) and
+/// means small ones by that; an operation takes up to 5 KiB of stack with all that it calls on the way to the next one,
+/// in a build without optimisation, and so counts as ten of them.
 class RecursionGuard {
 public:
     RecursionGuard()
-        : checked_{++running_ > unchecked_depth}, entered_{!checked_ || Py_EnterRecursiveCall("") == 0}
+        : thread_{PyThreadState_GetUnchecked()}, entered_{thread_->c_recursion_remaining >= weight}
     {
+        if (entered_) {
+            thread_->c_recursion_remaining -= weight;
+        } else {
+            PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
+        }
     }
     ~RecursionGuard()
     {
-        --running_;
-        if (checked_ && entered_) {
-            Py_LeaveRecursiveCall();
+        if (entered_) {
+            thread_->c_recursion_remaining += weight;
         }
     }
     RecursionGuard(const RecursionGuard&) = delete;
@@ -140,10 +148,9 @@ public:
     explicit operator bool() const { return entered_; }
 
 private:
-    static constexpr long unchecked_depth = 8;
-    inline static long running_ = 0;  // under the interpreter's lock
+    static constexpr int weight = 10;
 
-    bool checked_;
+    PyThreadState* thread_;
     bool entered_;
 };
 
