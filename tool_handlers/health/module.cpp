@@ -13,7 +13,6 @@ namespace health {
 
 namespace {
 
-using cpython::Answer;
 using cpython::call;
 using cpython::item;
 using cpython::Named;

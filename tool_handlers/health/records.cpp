@@ -1,8 +1,9 @@
 #include "records.hpp"
 
+#include <algorithm>
+
 namespace health {
 
-using cpython::Answer;
 using cpython::attr;
 using cpython::call;
 
@@ -25,13 +26,10 @@ bool fill_class(const Ref& space, PyObject* globals, PyObject* name, const char*
     if (!put(space, names::dunder_annotations, annotations.copy())) {
         return false;
     }
-    for (const auto& [field, annotation, value] : definition) {
-        if (!put(annotations, field.name, Ref::steal(PyUnicode_FromString(annotation))) ||
-            !put(space, field.name, value.copy())) {
-            return false;
-        }
-    }
-    return true;
+    return std::ranges::all_of(definition, [&](const auto& part) {
+        return put(annotations, part.field.name, Ref::steal(PyUnicode_FromString(part.annotation))) &&
+               put(space, part.field.name, part.value.copy());
+    });
 }
 
 template <std::size_t Fields>

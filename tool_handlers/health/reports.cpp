@@ -35,19 +35,20 @@ bool put(const Ref& report, PyObject* key, PyObject* value)
     return PyDict_SetItem(report.get(), key, value) == 0;
 }
 
-constexpr std::string_view warning_start = "The process holds ";
-constexpr std::string_view warning_middle = " threads, more than the ";
-constexpr std::string_view warning_end =
-    " its pools allow: threads are piling up. A thread that ran the local embedding model keeps a team of "
-    "torch"
-    " threads, as many as KAVRIN_EMBED_THREADS allows (0 leaves torch's own size).";
+constexpr const char* warning_start = "The process holds ";
+constexpr const char* warning_middle = " threads, more than the ";
+constexpr const char* warning_end =
+    " its pools allow: threads are piling up. A thread that ran the local embedding model keeps a team of"
+    " torch threads, as many as KAVRIN_EMBED_THREADS allows (0 leaves torch's own size).";
 
 /// The warning text about plain small numbers, as good as always what they are: written at one go.
 Ref warning_about_small(PyObject* counted, PyObject* budget)
 {
     constexpr std::size_t most_digits = 20;
-    std::array<char, warning_start.size() + warning_middle.size() + warning_end.size() + 2 * most_digits>
-        text;
+    constexpr std::size_t fixed = std::string_view{warning_start}.size() +
+                                  std::string_view{warning_middle}.size() +
+                                  std::string_view{warning_end}.size();
+    std::array<char, fixed + (2 * most_digits)> text{};
     char* end = text.data();
     const auto put_text = [&](std::string_view part) { end = std::ranges::copy(part, end).out; };
     const auto put_number = [&](PyObject* number) {
@@ -69,10 +70,9 @@ Ref warning_about(PyObject* counted, PyObject* budget)
     }
     const Ref threads = cpython::formatted(counted);
     const Ref allowed = threads ? cpython::formatted(budget) : Ref{};
-    return allowed
-               ? Ref::steal(PyUnicode_FromFormat("%s%U%s%U%s", warning_start.data(), threads.get(),
-                                                 warning_middle.data(), allowed.get(), warning_end.data()))
-               : Ref{};
+    return allowed ? Ref::steal(PyUnicode_FromFormat("%s%U%s%U%s", warning_start, threads.get(),
+                                                     warning_middle, allowed.get(), warning_end))
+                   : Ref{};
 }
 
 /// `dict(items)`

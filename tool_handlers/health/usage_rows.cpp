@@ -8,7 +8,6 @@
 namespace health {
 
 using cpython::Answer;
-using cpython::Scratch;
 
 namespace {
 
