@@ -11,11 +11,14 @@ import logging
 import os
 import sqlite3
 import sys
+import sysconfig
 import types
 from pathlib import Path
 
-MODULE = os.environ.get("HEALTH_MODULE", "")  # the file of the module under test
-PLAIN = str(Path(__file__).resolve().parent.parent / "bench" / "plain.py")
+CHECKOUT = Path(__file__).resolve().parent.parent
+RELEASE = CHECKOUT / "build/release" / f"health{sysconfig.get_config_var('EXT_SUFFIX')}"
+MODULE = os.environ.get("HEALTH_MODULE", str(RELEASE))  # the file of the module under test
+PLAIN = str(CHECKOUT / "bench/plain.py")
 
 SCHEMA = """
     CREATE TABLE IF NOT EXISTS tool_health (
@@ -123,13 +126,17 @@ class Host(logging.Handler):
         if parent:
             setattr(sys.modules[parent], child, module)
 
-    def load(self):
-        """Import the module the way the import machinery does; a second time gives a second copy."""
-        if not self.implementation:
-            raise RuntimeError("HEALTH_MODULE does not name the built module")
+    def load(self, enter=True):
+        """Import the module the way the import machinery does, or as a harness that does not enter it in sys.modules.
+
+        A second time gives a second copy.
+        """
+        if not Path(self.implementation).exists():
+            raise FileNotFoundError(f"{self.implementation} is not built; run script/bootstrap")
         spec = importlib.util.spec_from_file_location(self.full_name, self.implementation)
         module = importlib.util.module_from_spec(spec)
-        self.bind(self.full_name, module)
+        if enter:
+            self.bind(self.full_name, module)
         spec.loader.exec_module(module)
         module.logger.propagate, module.logger.handlers = False, [self]
         return module

@@ -120,7 +120,9 @@ def sweep(only_one):
                         # The interpreter's words for a traceback that found no memory.
                         "odd": type(error) not in known and str(error) != "error return without exception set",
                         "a mark without a record": not tracker._dirty <= set(tracker._state),
-                        "marks are lost": not pending <= tracker._dirty and "INTO tool_health" not in written,
+                        # With no memory at all some can not be put back, and MemoryError says so.
+                        "marks are lost": not pending <= tracker._dirty and "INTO tool_health" not in written
+                                          and (only_one or not isinstance(error, MemoryError)),
                         "usage mark lost": not tracker._usage_dirty and "INTO schema_info" not in written}.items():
                     if wrong:
                         told.append((row, first, what, repr(error), len(tracker._dirty)))

@@ -85,7 +85,6 @@ HOT = """t.is_disabled('a') / t._state['a'].disabled_at = 9e9
     t.limits.disable_after_errors / t._limits = other._limits
     t.cooldown_s / C.cooldown_s = 8
     t.is_disabled('off') / C.cooldown_s = property(lambda self: -9)
-    t.is_disabled('off') / C.cooldown_s.fget.__code__ = (lambda self: -9.5).__code__
     t.is_disabled('off') / vars(t)['cooldown_s'] = -9; t._limits.disable_cooldown_s = 0
     t.has_unsaved_changes / t = other; t._usage_dirty = 5
     t.flush() / t._flush_usage = lambda: 7

@@ -31,8 +31,7 @@ struct Keepsake {
     void (*destroy)(void*);  // null in those of the operations
     PyObject* owner;         // the one that owns; null there
     vectorcallfunc entry;    // of the operation
-    PyObject*
-        parameters;  // the very tuple of names in its code; owned, so that no other tuple can be taken for it
+    PyObject* parameters;    // the tuple of names in its code; owned, so that no other can be taken for it
 };
 
 void dealloc_keepsake(PyObject* self)
@@ -281,6 +280,9 @@ Ref make_keepsake(void* kept, void (*destroy)(void*))
                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
                      slots.data()};
     const Ref type = Ref::steal(PyType_FromSpec(&spec));
+    if (!type && PyErr_Occurred() == nullptr) {
+        PyErr_NoMemory();  // CPython 3.13.0 does not say so of the copy that it makes of the name
+    }
     Ref owner = type ? new_keepsake(type.get(), kept) : Ref{};
     if (!owner) {
         destroy(kept);
