@@ -6,17 +6,48 @@ has() {
     command -v "$1" >/dev/null
 }
 
+# What a script is for and takes: the comment at its head.
+usage() {
+    sed -n '2,/^[^#]/s/^# \{0,1\}//p' "script/${0##*/}"
+}
+
+# Answers --help, and anything that is not among the script's words (the first argument, with | between them).
+take_arguments() {
+    local allowed=$1 argument
+    shift
+    for argument; do
+        case $argument in
+        -h | --help)
+            usage
+            exit
+            ;;
+        esac
+    done
+    [[ $# == 0 || "|$allowed|" == *"|$1|"* ]] || usage_error "$1"
+}
+
+usage_error() {
+    printf '%s: what is "%s"?\n\n%s\n' "${0##*/}" "$1" "$(usage)" >&2
+    exit 2
+}
+
 # Installs Debian packages, or says that they are to be installed where that may not be done from here.
 install_packages() {
     [[ $# -gt 0 ]] || return 0
-    local advice="${0##*/} needs packages that it cannot install. As root, on Debian 13: apt-get install $*"
+    local advice="${0##*/} needs packages that it cannot install. As root, on Debian 13: apt-get install $*" package
     if [[ $(id -u) != 0 ]] || ! has apt-get; then
         echo "$advice" >&2
         exit 1
     fi
-    echo "installing $*"
     export DEBIAN_FRONTEND=noninteractive
     quiet apt-get update || true # one source that does not answer need not be the one that has them
+    for package; do
+        if ! apt-cache show "$package" >/dev/null 2>&1; then
+            echo "The packages of this distribution have no $package; Debian 13 has it." >&2
+            exit 1
+        fi
+    done
+    echo "installing $*"
     quiet apt-get install -y --no-install-recommends "$@" || {
         echo "$advice" >&2
         exit 1
@@ -31,7 +62,15 @@ quiet() {
     return "$status"
 }
 
+# Runs a command and says how long it took.
+timed() {
+    local start=$SECONDS status=0
+    "$@" || status=$?
+    echo "$* took $((SECONDS - start)) s"
+    return "$status"
+}
+
 # The interpreter that a preset was configured for.
 python_of() {
-    sed -n 's/^Python_EXECUTABLE:FILEPATH=//p' "build/$1/CMakeCache.txt"
+    sed -n 's/^Python_EXECUTABLE:[^=]*=//p' "build/$1/CMakeCache.txt"
 }

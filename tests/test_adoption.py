@@ -5,7 +5,6 @@ import dataclasses
 import inspect
 import json
 import os
-import pydoc
 import re
 import shutil
 import subprocess
@@ -34,16 +33,24 @@ def comes_back():
     seen = ask(fails, nested, nested)
     assert seen[0][0] == "failed" and seen[1:] == [("ok", "refused"), ("ok", "ok")], seen
     settings.disable_cooldown_s = 60
+tracker.flush()
 to_the_end = fails, fails, int, fails, fails, confused, fails, confused
 seen = " ".join(outcome for outcome, _ in ask(*to_the_end))
 assert seen == "failed failed ok failed failed bad_arguments failed refused", seen
-assert tracker.flush() == 1 + 5, "the row of one tool and five usage counts"
+assert tracker.flush() == 1 + 6, "the row of one tool and six usage counts"
 comes_back()
 ask(*to_the_end), tracker.flush()
 tracker = asyncio.run(start()); recovery = Recovery()
 assert ask(int)[0][1].endswith("OSError: gone: ?"), ask(int)
 comes_back()
 """
+
+
+def shape(value):
+    """What is left of an answer when its numbers and texts are left out."""
+    if isinstance(value, dict):
+        return {key: shape(item) for key, item in value.items()}
+    return [shape(item) for item in value] if isinstance(value, list) else type(value).__name__
 
 
 def facts(value):
@@ -80,14 +87,6 @@ class Adoption(unittest.TestCase):
                     else:
                         self.assertEqual(facts(stub[name]), facts(real))
 
-    def test_help(self):
-        with hosts.Host() as host:
-            health, shown = host.health, pydoc.render_doc(host.health, renderer=pydoc.plaintext)
-        functions = health.ToolHealthTracker, health.handle_get_tool_performance_stats, health.thread_census_report
-        members = [member for name, member in vars(health.ToolHealthTracker).items() if name[0] != "_"]
-        for line in "\n".join(map(inspect.getdoc, (health, *functions, *members))).splitlines():
-            self.assertIn(line, shown)
-
     def install(self, package):
         """A directory with a host package, the sample host's sources, that the module is installed into."""
         base = Path(self.enterContext(tempfile.TemporaryDirectory()))
@@ -115,7 +114,30 @@ class Adoption(unittest.TestCase):
                 with self.subTest(document, package=package):
                     code = self.code(document, "python") + checks
                     program = [sys.executable, "-W", "error", "-c", code.replace("myhost", package)]
-                    self.execute(*program, cwd=self.install(package))
+                    printed = self.execute(*program, cwd=self.install(package))
+        shown = map(json.loads, re.findall(r"^```json\n(.*?)^```", (ROOT / document).read_text(), re.M | re.S))
+        self.assertEqual(shape(json.loads(printed)), shape(list(shown)))
+
+    def test_types_of_the_summary(self):
+        """What type checkers are told of a summary's dictionaries is what these hold."""
+        names, plain = {}, {"str": str, "int": int, "bool": bool, "float": float, "None": type(None)}
+        for node in ast.parse(STUB.read_text()).body:
+            if getattr(node, "name", "") in ("SummaryRecord", "UsageRow"):
+                names[node.name] = {it.target.id: ast.unparse(it.annotation).split(" | ")
+                                    for it in node.body if isinstance(it, ast.AnnAssign)}
+        self.assertEqual(names["SummaryRecord"].pop("usage"), ["list[UsageRow]"])
+        with hosts.Host() as host:
+            tracker = host.tracker(limits=hosts.ToolsConfig(1))
+            tracker.record_error("off", "boom")
+            tracker.record_call("off", "text", "failed", alias_hit=True, duration_ms=2)
+            tracker.record_call("fresh", None, "ok", alias_hit=False, duration_ms=None)
+            records = tracker.get_health_summary()
+            rows = [row for record in records for row in record.pop("usage")]
+            for told, dictionaries in ((names["SummaryRecord"], records), (names["UsageRow"], rows)):
+                for key, types in told.items():
+                    held = {type(dictionary.pop(key)) for dictionary in dictionaries}
+                    self.assertEqual(held, {plain[name] for name in types}, key)
+                self.assertEqual([*map(list, dictionaries)], [[], []])
 
     def test_configuration_of_a_client(self):
         base = self.install("checkout.sample_host")

@@ -90,6 +90,7 @@ def import_without_memory():
         for first in itertools.count():
             reading, writing = os.pipe()
             if not (child := os.fork()):
+                os.close(2)  # where the interpreter's crash would be told
                 os.write(writing, import_once(host, first).encode())
                 os._exit(0)
             os.close(writing)

@@ -21,7 +21,7 @@ import time as time
 from collections.abc import Iterable, Sequence
 from dataclasses import dataclass as dataclass
 from datetime import datetime as datetime, timezone as timezone
-from typing import TYPE_CHECKING as TYPE_CHECKING, Any as Any, Protocol, type_check_only
+from typing import TYPE_CHECKING as TYPE_CHECKING, Any as Any, Protocol, TypedDict, type_check_only
 
 from ..config import ToolsConfig as ToolsConfig
 from ..tool_registry import TOOLS as TOOLS
@@ -44,10 +44,34 @@ class _Database(Protocol):
 
 @type_check_only
 class Repository(Protocol):
-    """Any object with such a connection."""
+    """Any object with such a connection. Not there at run time: import it under ``if TYPE_CHECKING:``."""
 
     @property
     def db(self) -> _Database: ...
+
+@type_check_only
+class UsageRow(TypedDict):
+    """A dict of _usage_rows. Not there at run time, as Repository is not."""
+
+    action: str | None
+    outcome: str
+    alias_hit: bool
+    calls: int
+    avg_ms: float | None
+    slow: bool
+
+@type_check_only
+class SummaryRecord(TypedDict):
+    """A dict of get_health_summary. Not there at run time, as Repository is not."""
+
+    tool_name: str
+    call_count: int
+    error_count: int
+    last_error: str | None
+    disabled: bool
+    disabled_at: str | None
+    updated_at: str
+    usage: list[UsageRow]
 
 logger: logging.Logger
 _SQLITE_TIMESTAMP: str
@@ -128,9 +152,9 @@ class ToolHealthTracker:
         failing tool is disabled and for how long; None takes the defaults.
 
         A history that cannot be read, or whose removed tools cannot be deleted, is logged as a
-        warning and left out. What is raised: an error of ToolsConfig(), one of the registry when it
-        is asked about what was read, and the error of a stored row that holds no counts or times
-        (ValueError, TypeError, OverflowError).
+        warning and left out. What is raised: an error of ToolsConfig(), one of the registry (but
+        while the rows are first looked through it is logged like one of the database), and the
+        error of a stored row that holds no counts or times (ValueError, TypeError, OverflowError).
         """
 
     @property
@@ -140,8 +164,10 @@ class ToolHealthTracker:
     def _load(self) -> None:
         """Seed the tools' health from the table, and delete the rows of tools that are gone (blocking).
 
-        History is best-effort: losing it is harmless. An Exception of the database is logged as a
-        warning and nothing is loaded; the error of a row that holds no counts or times is raised.
+        History is best-effort: losing it is harmless. An Exception of the database, or of the
+        registry while the rows are first looked through, is logged as a warning and nothing is
+        loaded; the error of a row that holds no counts or times is raised, as is one of the registry
+        after that.
         """
 
     def _load_usage(self) -> None:
@@ -176,10 +202,13 @@ class ToolHealthTracker:
     def record_error(self, tool_name: str, error: str) -> None:
         """Record a failed call of a tool; it may disable the tool.
 
-        The first 500 characters of error are kept. The tool is disabled, from now on, when its run
-        of errors reaches the setting disable_after_errors. Touches memory only and never waits for
-        the database; callable from any thread. For a hashable name it raises only what reading and
-        comparing the setting raise.
+        error is the message, a text, of which the first 500 characters are kept. The tool is
+        disabled, from now on, when its run of errors reaches the setting disable_after_errors.
+        Touches memory only and never waits for the database; callable from any thread.
+
+        For a hashable name and a text it raises only what reading and comparing the setting raise.
+        An exception object in the place of its text is a TypeError: the counts are up by then, but
+        the tool is neither disabled nor marked for the next flush.
         """
 
     @property
@@ -199,9 +228,12 @@ class ToolHealthTracker:
     def get_health_summary(self) -> list[dict[str, Any]]:
         """Get health summary for all tracked tools.
 
-        One new dict per tool, the most errors first, then the most calls; times are UTC text, and
-        usage lists the tool's calls by action, outcome and synonym use. All of it describes one
-        instant: recording waits while it is built. Callable from any thread; touches no database.
+        One new dict per tool, the most errors first, then the most calls: tool_name (str),
+        call_count and error_count (int), last_error (str, None before the first error), disabled
+        (bool), disabled_at (str, None while the tool is enabled), updated_at (str) and usage (list
+        of dicts, see _usage_rows). Times are UTC text, "2023-11-14 22:13:20"; updated_at is that of
+        1970 for a tool known from its usage counts alone. All of it describes one instant:
+        recording waits while it is built. Callable from any thread; touches no database.
 
         Raises what is_slow_call raises, and the error of a time outside the years 1 to 9999.
         """
@@ -209,8 +241,10 @@ class ToolHealthTracker:
     def _usage_rows(self, tool_name: str) -> list[dict[str, Any]]:
         """A tool's usage counts as ``perf_stats`` shows them, most calls first (under the lock).
 
-        avg_ms is the mean handler time in milliseconds, None without a timed call. The caller holds
-        the lock; this does not take it. Raises what is_slow_call raises.
+        One new dict per action, outcome and synonym use: action (str, None for a tool without
+        actions), outcome (str), alias_hit (bool), calls (int), avg_ms (float: the mean handler time
+        in milliseconds; None without a timed call) and slow (bool: what is_slow_call answers). The
+        caller holds the lock; this does not take it. Raises what is_slow_call raises.
         """
 
     @property

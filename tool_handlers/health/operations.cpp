@@ -42,9 +42,9 @@ repository is the host's Repository; only its db connection is used. limits says
 failing tool is disabled and for how long; None takes the defaults.
 
 A history that cannot be read, or whose removed tools cannot be deleted, is logged as a
-warning and left out. What is raised: an error of ToolsConfig(), one of the registry when it
-is asked about what was read, and the error of a stored row that holds no counts or times
-(ValueError, TypeError, OverflowError).)")},
+warning and left out. What is raised: an error of ToolsConfig(), one of the registry (but
+while the rows are first looked through it is logged like one of the database), and the
+error of a stored row that holds no counts or times (ValueError, TypeError, OverflowError).)")},
     Member{operation<limits, just_self>("limits", "ToolsConfig",
                                         R"(The tools settings the tracker was made with.)"),
            true},
@@ -52,8 +52,10 @@ is asked about what was read, and the error of a stored row that holds no counts
         "_load", "None",
         R"(Seed the tools' health from the table, and delete the rows of tools that are gone (blocking).
 
-History is best-effort: losing it is harmless. An Exception of the database is logged as a
-warning and nothing is loaded; the error of a row that holds no counts or times is raised.)")},
+History is best-effort: losing it is harmless. An Exception of the database, or of the
+registry while the rows are first looked through, is logged as a warning and nothing is
+loaded; the error of a row that holds no counts or times is raised, as is one of the registry
+after that.)")},
     Member{operation<load_usage, just_self>("_load_usage", "None",
                                             R"(Seed the usage counts from the stored document (blocking).
 
@@ -79,10 +81,13 @@ waits for the database; callable from any thread. Raises nothing for a text.)")}
         "record_error", "None",
         R"(Record a failed call of a tool; it may disable the tool.
 
-The first 500 characters of error are kept. The tool is disabled, from now on, when its run
-of errors reaches the setting disable_after_errors. Touches memory only and never waits for
-the database; callable from any thread. For a hashable name it raises only what reading and
-comparing the setting raise.)")},
+error is the message, a text, of which the first 500 characters are kept. The tool is
+disabled, from now on, when its run of errors reaches the setting disable_after_errors.
+Touches memory only and never waits for the database; callable from any thread.
+
+For a hashable name and a text it raises only what reading and comparing the setting raise.
+An exception object in the place of its text is a TypeError: the counts are up by then, but
+the tool is neither disabled nor marked for the next flush.)")},
     Member{
         operation<cooldown_s, just_self>("cooldown_s", "float", R"(Seconds a disabled tool stays disabled.)"),
         true},
@@ -97,17 +102,22 @@ disable_cooldown_s raise.)")},
     Member{operation<get_health_summary, just_self>("get_health_summary", "list[dict[str, Any]]",
                                                     R"(Get health summary for all tracked tools.
 
-One new dict per tool, the most errors first, then the most calls; times are UTC text, and
-usage lists the tool's calls by action, outcome and synonym use. All of it describes one
-instant: recording waits while it is built. Callable from any thread; touches no database.
+One new dict per tool, the most errors first, then the most calls: tool_name (str),
+call_count and error_count (int), last_error (str, None before the first error), disabled
+(bool), disabled_at (str, None while the tool is enabled), updated_at (str) and usage (list
+of dicts, see _usage_rows). Times are UTC text, "2023-11-14 22:13:20"; updated_at is that of
+1970 for a tool known from its usage counts alone. All of it describes one instant:
+recording waits while it is built. Callable from any thread; touches no database.
 
 Raises what is_slow_call raises, and the error of a time outside the years 1 to 9999.)")},
     Member{operation<usage_rows, tool_parameters>(
         "_usage_rows", "list[dict[str, Any]]",
         R"(A tool's usage counts as ``perf_stats`` shows them, most calls first (under the lock).
 
-avg_ms is the mean handler time in milliseconds, None without a timed call. The caller holds
-the lock; this does not take it. Raises what is_slow_call raises.)")},
+One new dict per action, outcome and synonym use: action (str, None for a tool without
+actions), outcome (str), alias_hit (bool), calls (int), avg_ms (float: the mean handler time
+in milliseconds; None without a timed call) and slow (bool: what is_slow_call answers). The
+caller holds the lock; this does not take it. Raises what is_slow_call raises.)")},
     Member{operation<has_unsaved_changes, just_self>("has_unsaved_changes", "bool",
                                                      R"(Whether flush has anything to write.
 
