@@ -1,16 +1,18 @@
 """Serve the sources in a directory to an MCP client over stdio."""
 
 import argparse
+import asyncio
 import logging
 import os
+import platform
 import signal
 import sys
 import threading
-from collections.abc import Callable
+from concurrent.futures import ThreadPoolExecutor
 from functools import partial
 from pathlib import Path
 
-from .config import ToolsConfig
+from .config import GRACE_S, ToolsConfig
 from .repository import Repository
 
 try:
@@ -18,10 +20,14 @@ try:
 except ModuleNotFoundError as error:
     if error.name != f"{__package__}.tool_handlers.health":
         raise
-    sys.exit(f"{error.name} is not built: cmake --preset release && cmake --build --preset release")
+    there = ", ".join(file.name for file in Path(__file__).parent.glob("tool_handlers/health.*.so"))
+    this = f"{sys.executable} (Python {platform.python_version()})"
+    sys.exit(f"{error.name} is not built for {this}; built there is: {there or 'nothing'}."
+             " script/bootstrap builds it; README.md says which interpreter to start.")
 
 from .daemon.health_saver import HealthSaver
 from .daemon.mcp_server import McpServer
+from .daemon.stdio import Lines
 from .daemon.tool_pipeline import ToolPipeline
 from .tool_handlers.read_file import read_file
 from .tool_handlers.search import search
@@ -30,29 +36,47 @@ from .tool_handlers.status import status
 
 def main() -> None:
     options = _parse_options()
-    logging.basicConfig(format="%(levelname)s %(name)s: %(message)s")  # to stderr: stdout is the protocol's
-    repository = Repository(options.repo, options.db)
-    tracker = ToolHealthTracker(repository, ToolsConfig(options.disable_after_errors, options.cooldown_s))
-    handlers = {
-        "search": partial(search, repository.directory),
-        "read_file": partial(read_file, repository.directory),
-        "status": partial(status, tracker),
-        "get_tool_performance_stats": handle_get_tool_performance_stats,
-    }
-    server = McpServer(ToolPipeline(tracker, handlers))
-    with HealthSaver(tracker, options.flush_every):
-        _at_end_signals(lambda *_: sys.exit())
-        try:
-            server.serve(sys.stdin.buffer, sys.stdout.buffer)
-        except BrokenPipeError:  # the client is gone; what stdout still holds may go nowhere
-            os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-        finally:
-            _at_end_signals(signal.SIG_IGN)  # or a second one would break off the last save
+    # To stderr: stdout is the protocol's.
+    logging.basicConfig(format="%(levelname)s %(name)s: %(message)s")
+    sys.exit(asyncio.run(_serve(options)))
 
 
-def _at_end_signals(handler: Callable[..., object] | signal.Handlers) -> None:
+async def _serve(options: argparse.Namespace) -> int:
+    """Serve until the input ends or a signal comes; then save. Answers the exit status."""
+    loop, the_end = asyncio.get_running_loop(), asyncio.Event()
     for number in (signal.SIGTERM, signal.SIGINT):
-        signal.signal(number, handler)
+        loop.add_signal_handler(number, the_end.set)
+    database = ThreadPoolExecutor(1, "database")  # for all that waits for it: history and saves
+    repository = Repository(options.repo, options.db)
+    settings = ToolsConfig(options.disable_after_errors, options.cooldown_s)
+    tracker = await loop.run_in_executor(database, ToolHealthTracker, repository, settings)
+    sources = repository.directory
+    pipeline = ToolPipeline(
+        tracker,
+        {"search": partial(search, sources), "read_file": partial(read_file, sources)},
+        {"status": partial(status, tracker),
+         "get_tool_performance_stats": handle_get_tool_performance_stats},
+    )
+    saver = HealthSaver(tracker, database, lambda: pipeline.counted, options.db)
+    saving = asyncio.create_task(saver.run(options.flush_every))
+    lines = Lines(sys.stdin.fileno(), sys.stdout.fileno(), the_end.set)
+    server = McpServer(pipeline, lines.answer)
+    serving = asyncio.create_task(_receive_all(lines, server))
+    ending = asyncio.create_task(the_end.wait())
+    await asyncio.wait([serving, ending], return_when=asyncio.FIRST_COMPLETED)
+    serving.cancel()
+    await server.finish(GRACE_S)
+    saving.cancel()
+    is_saved = await saver.save_at_the_end()
+    lines.close(GRACE_S)
+    for number in (signal.SIGTERM, signal.SIGINT):
+        signal.signal(number, signal.SIG_IGN)  # nothing is left that one could end
+    return 0 if is_saved else 1
+
+
+async def _receive_all(lines: Lines, server: McpServer) -> None:
+    async for line in lines:
+        server.receive(line)
 
 
 def _parse_options() -> argparse.Namespace:
@@ -60,12 +84,14 @@ def _parse_options() -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog=f"python3.13 -m {__package__}", description=__doc__)
     add = parser.add_argument
     add("--repo", type=_directory, required=True, metavar="DIR", help="the sources to serve")
-    add("--db", type=Path, required=True, metavar="FILE", help="the SQLite file that keeps the tools' health")
+    add("--db", type=_database, required=True, metavar="FILE",
+        help="the SQLite file that keeps the tools' health")
     add("--disable-after-errors", type=int, default=defaults.disable_after_errors, metavar="N",
         help="failures in a row that disable a tool (%(default)s)")
     add("--cooldown-s", type=_seconds, default=defaults.disable_cooldown_s, metavar="S",
         help="seconds until a disabled tool is tried again (%(default)s)")
-    add("--flush-every", type=_seconds, default=5.0, metavar="S", help="seconds between saves (%(default)s)")
+    add("--flush-every", type=_seconds, default=5.0, metavar="S",
+        help="seconds between saves (%(default)s)")
     return parser.parse_args()
 
 
@@ -75,10 +101,18 @@ def _directory(text: str) -> Path:
     return Path(text)
 
 
+def _database(text: str) -> Path:
+    path = Path(text).absolute()
+    if not text or path.is_dir() or not path.parent.is_dir():
+        raise argparse.ArgumentTypeError(f"no file can be there: {text!r}")
+    return path
+
+
 def _seconds(text: str) -> float:
     seconds = float(text)
     if not 0 < seconds <= threading.TIMEOUT_MAX:
-        raise argparse.ArgumentTypeError(f"must be more than 0 and at most {threading.TIMEOUT_MAX:g}")
+        limit = f"must be more than 0 and at most {threading.TIMEOUT_MAX:g}"
+        raise argparse.ArgumentTypeError(limit)
     return seconds
 
 

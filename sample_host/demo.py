@@ -1,24 +1,26 @@
-"""An agent's conversation with the server, played over MCP: script/demo runs it.
+"""Agents' conversations with the server, played over MCP: script/demo runs it."""
+# Nothing is staged inside the server. It reaches the repository through a symbolic link, which stands for a
+# disk that can be unmounted: with the link taken away, the tools fail for real.
 
-Nothing is staged inside the server. It reaches the repository through a symbolic link, which stands for a
-disk that can be unmounted: with the link taken away, the tools fail for real.
-"""
-
+import contextlib
 import json
+import os
 import re
+import shutil
 import signal
+import sqlite3
 import subprocess
 import sys
-import textwrap
 import time
 from collections import Counter
-from collections.abc import Iterable
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import IO, Any
 
 COOLDOWN_S = 4
 FAILURES = 3
+LOCKED_S = 3
+AGENTS = 8
 
 # What a call is expected to answer: whether it is an error, and a text that it begins with or holds.
 OK = (False, "")
@@ -34,11 +36,12 @@ class Unexpected(Exception):
 class Client:
     """An MCP client, with a server of its own as a child process."""
 
-    def __init__(self, host: Path, *options: str, stderr: IO[Any] | None = None) -> None:
+    def __init__(self, host: Path, *options: str, stderr: IO[Any] | None = None, **more: Any) -> None:
         """Start the server that the package directory `host` holds."""
-        command = [sys.executable, "-m", host.name, *options]
         pipe = subprocess.PIPE
-        self.process = subprocess.Popen(command, cwd=host.parent, stdin=pipe, stdout=pipe, stderr=stderr)
+        self.process = subprocess.Popen(
+            [sys.executable, "-m", host.name, *options],
+            cwd=host.parent, stdin=pipe, stdout=pipe, stderr=stderr, start_new_session=True, **more)
         self._next_id = 0
 
     def send(self, line: bytes) -> None:
@@ -51,12 +54,16 @@ class Client:
             raise Unexpected("the server ended")
         return json.loads(line)
 
-    def request(self, method: str, params: dict[str, Any]) -> dict[str, Any]:
+    def ask(self, method: str, params: dict[str, Any]) -> int:
+        """Send a request, and answer its id without waiting."""
         self._next_id += 1
         message = {"jsonrpc": "2.0", "id": self._next_id, "method": method, "params": params}
         self.send(json.dumps(message).encode())
-        answer = self.receive()
-        if answer["id"] != self._next_id or "error" in answer:
+        return self._next_id
+
+    def request(self, method: str, params: dict[str, Any]) -> dict[str, Any]:
+        asked, answer = self.ask(method, params), self.receive()
+        if answer["id"] != asked or "error" in answer:
             raise Unexpected(f"{method} was answered {answer}")
         return answer["result"]
 
@@ -64,6 +71,17 @@ class Client:
         """Call a tool: whether the answer is an error, and its text."""
         result = self.request("tools/call", {"name": tool, "arguments": arguments})
         return result["isError"], result["content"][0]["text"]
+
+    def keep_calling(self, in_flight: int, seconds: float, call: dict[str, Any]) -> list[float]:
+        """Keep so many calls running for so long: the seconds that each of them took."""
+        ends_at = time.monotonic() + seconds
+        asked_at = {self.ask("tools/call", call): time.monotonic() for _ in range(in_flight)}
+        took: list[float] = []
+        while asked_at:
+            took.append(time.monotonic() - asked_at.pop(self.receive()["id"]))
+            if time.monotonic() < ends_at:
+                asked_at[self.ask("tools/call", call)] = time.monotonic()
+        return took
 
     def close(self) -> int:
         """End the server by the end of its input, and answer its exit status."""
@@ -74,44 +92,57 @@ class Client:
 
 def main() -> None:
     directory = Path(sys.argv[1] if len(sys.argv) > 1 else ".").resolve()
+    if not directory.is_dir():
+        sys.exit(f"no directory: {directory}")
     signal.alarm(120)  # a server that hangs must not hang the demo
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     with TemporaryDirectory() as scratch, Path(scratch, "server.log").open("w+") as log:
         try:
             _play(directory, Path(scratch), log)
         except Unexpected as error:
             log.seek(0)
             sys.exit(f"\nNot as expected: {error}\nThe server's log:\n{log.read()}")
+        except (KeyboardInterrupt, BrokenPipeError):  # nobody looks any more
+            os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
 
 
 def _play(directory: Path, scratch: Path, log: IO[str]) -> None:
-    disk = scratch / "repository"
+    disk, database = scratch / "repository", scratch / "health.db"
     disk.symlink_to(directory)
-    options = ["--repo", str(disk), "--db", str(scratch / "health.db")]
+    options = ["--repo", str(disk), "--db", str(database), "--flush-every", "0.5"]
     options += ["--disable-after-errors", str(FAILURES), "--cooldown-s", str(COOLDOWN_S)]
+    todo = {"action": "text", "pattern": "todo", "max_results": 3}
 
-    print(f"\nA server on {directory}")
+    _print(f"\nA server on {directory}")
     agent = _connect(options, log)
-    found = _ask(agent, OK, "search", {"action": "text", "pattern": "[A-Za-z]{4}", "max_results": 20})
+    found = _ask(agent, OK, "search", {"action": "text", "pattern": "the", "max_results": 20})
+    _print("(mode, query and limit are synonyms that agents use; they are understood, and counted)")
     _ask(agent, OK, "search", {"mode": "glob", "query": "*.[ch]*", "limit": 3})
     line = re.search(r"^([\w./ +-]+):(\d+): ", found, re.MULTILINE)
     if line is not None:  # an empty directory has no file to read
         _ask(agent, OK, "read_file", {"file": line[1], "start_line": int(line[2]), "max_lines": 2})
 
-    print("\nThe agent's own mistakes are answered and counted, and disable nothing")
-    _ask(agent, BAD_ARGUMENTS, "search", {"action": "text", "pattern": "(unclosed"})
+    _print("\nThe agent's own mistakes are answered and counted, and disable nothing")
     _ask(agent, BAD_ARGUMENTS, "search", {"action": "replace", "pattern": "x"})
     _ask(agent, BAD_ARGUMENTS, "search", {"action": "text"})
     _ask(agent, BAD_ARGUMENTS, "read_file", {"path": "../.."})
-    _ask(agent, OK, "search", {"action": "files", "pattern": "README*", "max_results": 1})
 
-    print(f"\nThe disk with the repository goes away; {FAILURES} failures in a row disable a tool")
+    _print(f"\n{AGENTS} agents call at once while another process locks the database for {LOCKED_S} s")
+    with contextlib.closing(sqlite3.connect(database, isolation_level=None)) as other:
+        other.execute("BEGIN IMMEDIATE")
+        call = {"name": "search", "arguments": {"action": "files", "pattern": "README*"}}
+        took = agent.keep_calling(AGENTS, LOCKED_S, call)
+        other.execute("ROLLBACK")
+    _print(f"server  {len(took)} calls answered, the slowest after {max(took) * 1000:.0f} ms")
+
+    _print(f"\nThe disk with the repository goes away; {FAILURES} failures in a row disable a tool")
     disk.unlink()
     _ask(agent, FAILED, "read_file", {"path": "README.md"})
     for _ in range(FAILURES):
-        _ask(agent, FAILED, "search", {"action": "text", "pattern": "TODO"})
-    _ask(agent, REFUSED, "search", {"action": "text", "pattern": "TODO"})
+        _ask(agent, FAILED, "search", todo)
+    _ask(agent, REFUSED, "search", todo)
 
-    print("\nThe disk is back and the server starts anew: what it knew is still there")
+    _print("\nThe disk is back and the server starts anew: what it knew is still there")
     disk.symlink_to(directory)
     before = _health(agent)["search"]
     _end(agent)
@@ -119,14 +150,13 @@ def _play(directory: Path, scratch: Path, log: IO[str]) -> None:
     after = _health(agent)["search"]
     for key in ("call_count", "error_count", "last_error", "disabled_at"):
         if after[key] != before[key]:
-            raise Unexpected(f"{key} was {before[key]} before the restart, and is {after[key]} after it")
-    _ask(agent, REFUSED, "search", {"action": "text", "pattern": "TODO"})
+            raise Unexpected(f"{key} was {before[key]} before the restart, now {after[key]}")
+    _ask(agent, REFUSED, "search", todo)
 
-    print(f"\nAfter the cooldown of {COOLDOWN_S} s the tool is tried again, and works")
+    _print(f"\nAfter the cooldown of {COOLDOWN_S} s the tool is tried again, and works")
     time.sleep(COOLDOWN_S)
-    _ask(agent, OK, "search", {"action": "text", "pattern": "TODO", "max_results": 3})
+    _ask(agent, OK, "search", todo)
     _ask(agent, OK, "get_tool_performance_stats", {})
-
     _print_status(agent)
     _end(agent)
 
@@ -136,9 +166,9 @@ def _connect(options: list[str], log: IO[str]) -> Client:
     introduction = {"capabilities": {}, "clientInfo": {"name": "demo", "version": "1.0"}}
     started = client.request("initialize", {"protocolVersion": "2025-06-18", **introduction})
     client.send(b'{"jsonrpc": "2.0", "method": "notifications/initialized"}')
-    tools = client.request("tools/list", {})["tools"]
-    print("agent   initialize, tools/list")
-    print(f"server  MCP {started['protocolVersion']}, tools:", ", ".join(tool["name"] for tool in tools))
+    names = ", ".join(tool["name"] for tool in client.request("tools/list", {})["tools"])
+    _print("agent   initialize, tools/list")
+    _print(f"server  MCP {started['protocolVersion']}, tools: {names}")
     return client
 
 
@@ -148,14 +178,22 @@ def _end(agent: Client) -> None:
 
 
 def _ask(agent: Client, expected: tuple[bool, str], tool: str, arguments: dict[str, Any]) -> str:
-    print("agent  ", tool, json.dumps(arguments))
+    _print(f"agent   {tool} {json.dumps(arguments)}")
     failed, text = agent.call(tool, arguments)
-    answer = f"ERROR: {text}" if failed else text
-    lines = [part for line in answer.splitlines() for part in textwrap.wrap(line, 100)]
-    print("server  " + "\n        ".join(lines[:3]) + (" ..." if len(lines) > 3 else ""), flush=True)
+    lines = (f"ERROR: {text}" if failed else text).splitlines()
+    _print(f"server  {lines[0]}", *(f"        {line}" for line in lines[1:3]))
     if failed != expected[0] or expected[1] not in text:
-        raise Unexpected(f"the answer of {tool} should have been {'an error' if expected[0] else 'no error'}")
+        wanted = "an error" if expected[0] else "no error"
+        raise Unexpected(f"the answer of {tool} should have been {wanted}, and was {text}")
     return text
+
+
+def _print(*lines: str) -> None:
+    """Print lines that fit the terminal, without the control characters of a repository's files."""
+    width = shutil.get_terminal_size().columns
+    for line in lines:
+        shown = "".join(it if it.isprintable() or it == "\n" else "?" for it in line)
+        print(shown if len(shown) <= width else f"{shown[: width - 4]} ...", flush=True)
 
 
 def _health(agent: Client) -> dict[str, dict[str, Any]]:
@@ -165,29 +203,16 @@ def _health(agent: Client) -> dict[str, dict[str, Any]]:
 
 
 def _print_status(agent: Client) -> None:
-    print("\nThe tools' health, the worst first")
-    _print_table(_health(agent).values())
+    _print("\nThe tools' health, the worst first, and how their calls ended")
+    for name, record in _health(agent).items():
+        ended = Counter({row["outcome"]: 0 for row in record["usage"]})
+        for row in record["usage"]:
+            ended[row["outcome"]] += row["calls"]
+        counts = ", ".join(f"{count} {outcome}" for outcome, count in ended.items())
+        _print(f"{name:<27} {'disabled' if record['disabled'] else 'enabled ':<9} {counts}")
     threads = json.loads(agent.call("status", {})[1])["threads"]
     names = ", ".join(f"{name} {count}" for name, count in threads["python_by_name"].items())
-    print(f"\nthreads: {threads.get('os', 'unknown')} of at most {threads['budget']} (Python knows {names})")
-    if "warning" in threads:
-        print(threads["warning"])
-
-
-def _print_table(records: Iterable[dict[str, Any]]) -> None:
-    row = "{:<27}{:>6}{:>8}{:>9}{:>10}  {:<10}{}"
-    print(row.format("tool", "calls", "errors", "refused", "mean ms", "state", "last error"))
-    for record in records:
-        ended: Counter[str] = Counter()
-        answered_ms = 0.0
-        for usage in record["usage"]:
-            ended[usage["outcome"]] += usage["calls"]
-            answered_ms += usage["calls"] * (usage["avg_ms"] or 0)
-        mean_ms = f"{answered_ms / ended['ok']:.1f}" if ended["ok"] else "-"
-        counts = ended.total(), record["error_count"], ended["refused"], mean_ms
-        state = "disabled" if record["disabled"] else "enabled"
-        last_error = textwrap.shorten(record["last_error"] or "-", 50)
-        print(row.format(record["tool_name"], *counts, state, last_error))
+    _print(f"threads: {threads['python']} of at most {threads['budget']} ({names})")
 
 
 if __name__ == "__main__":

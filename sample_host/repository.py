@@ -7,8 +7,7 @@ from contextlib import closing, contextmanager
 from pathlib import Path
 from typing import Any
 
-BUSY_TIMEOUT_S = 5.0
-"""How long a call waits for another writer before it raises ``sqlite3.OperationalError``."""
+BUSY_TIMEOUT_S = 5.0  # how long a call waits for another writer before it raises
 
 # STRICT, so that no column can hold what the tracker could not read back.
 _SCHEMA = (
@@ -19,12 +18,10 @@ _SCHEMA = (
 )
 
 
+# Every call opens a connection of its own and is one transaction, durable when the call returns. So threads
+# share nothing, and a file that was locked or missing at one call may be fine at the next.
 class Database:
-    """An SQLite file in WAL mode, for any number of threads.
-
-    Every call opens a connection of its own and is one transaction, durable when the call returns. So threads
-    share nothing, and a file that was locked or missing at one call may be fine at the next. All calls block.
-    """
+    """An SQLite file in WAL mode, for any number of threads. All calls block."""
 
     def __init__(self, path: Path) -> None:
         self._path = path.absolute()
@@ -34,7 +31,7 @@ class Database:
         uri = self._path.as_uri()
         if not os.access(self._path.parent, os.W_OK):
             uri += "?immutable=1"  # WAL mode needs files beside the database, unless it is only read
-        db = sqlite3.connect(uri, uri=True, timeout=BUSY_TIMEOUT_S, isolation_level="IMMEDIATE")
+        db = sqlite3.connect(uri, timeout=BUSY_TIMEOUT_S, isolation_level="IMMEDIATE", uri=True)
         with closing(db):
             db.execute("PRAGMA journal_mode = WAL")
             for table in _SCHEMA:

@@ -1,4 +1,4 @@
-"""The tools that the host serves, and their actions: the only names that health counts are kept under."""
+"""The tools that the host serves, and their actions: the only names that are counted under."""
 
 from collections.abc import Mapping
 from dataclasses import dataclass
@@ -8,13 +8,13 @@ from types import MappingProxyType
 @dataclass(frozen=True)
 class Action:
     name: str
-    slow: bool = False
-    """Slow by nature: its time grows with the repository, not with the answer."""
+    slow: bool = False  # slow by nature: its time grows with the repository, not with the answer
 
 
 @dataclass(frozen=True)
 class Tool:
     name: str
+    title: str
     description: str
     actions: tuple[Action, ...] = ()
 
@@ -26,13 +26,16 @@ class Tool:
 _TOOLS = (
     Tool(
         "search",
-        "Search the repository: action 'text' finds the lines that a regular expression matches, action"
-        " 'files' the files whose path matches a glob (one without a slash is matched in every directory).",
+        "Search the repository",
+        "Search the repository: action 'text' finds the lines that contain a text (upper and lower case"
+        " are the same when it is all lower case), action 'files' the files whose path matches a glob"
+        " (one without a slash is matched in every directory). Left out are .git, .venv, node_modules,"
+        " __pycache__ and symbolic links, and for 'text' binary files and files over 4 MiB.",
         (Action("text", slow=True), Action("files")),
     ),
-    Tool("read_file", "Read lines of one text file of the repository."),
-    Tool("status", "The health and the usage of every tool, and the threads of the server."),
-    Tool("get_tool_performance_stats", "How long the tools took since the server started."),
+    Tool("read_file", "Read a file", "Read lines of a text file of the repository, at most 4 MiB large."),
+    Tool("status", "Health of the tools", "Health and usage of every tool; threads of the server."),
+    Tool("get_tool_performance_stats", "Times of the tools", "How long the tools took since the start."),
 )
 
 TOOLS: Mapping[str, Tool] = MappingProxyType({tool.name: tool for tool in _TOOLS})

@@ -1,4 +1,4 @@
-"""What the tools take: input schemas, the synonyms that agents use, and which calls are slow by nature."""
+"""What the tools take and answer, the synonyms that agents use, and which calls are slow."""
 
 from dataclasses import dataclass
 from reprlib import repr as short_repr  # what an agent sent may be a megabyte long
@@ -16,8 +16,7 @@ class ResolvedCall:
     """A call in the tool's own words, every parameter present and valid."""
 
     parameters: dict[str, Any]
-    alias_hit: bool
-    """Whether a parameter or the action was named by a synonym."""
+    alias_hit: bool  # whether a parameter or the action was named by a synonym
 
     @property
     def action(self) -> str | None:
@@ -43,7 +42,7 @@ INPUT_SCHEMAS: dict[str, dict[str, Any]] = {
     "search": _input_schema(
         ("action", "pattern"),
         action={"type": "string", "enum": [action.name for action in TOOLS["search"].actions]},
-        pattern=_text("A Python regular expression (text) or a glob (files).", max_length=1000),
+        pattern=_text("A plain text (text) or a glob (files).", max_length=1000),
         max_results=_count("Lines or files to answer with at most.", maximum=500, default=50),
     ),
     "read_file": _input_schema(
@@ -56,14 +55,47 @@ INPUT_SCHEMAS: dict[str, dict[str, Any]] = {
     "get_tool_performance_stats": _input_schema(),
 }
 
+
+
+# JSON Schema of data of a shape: names of types, lists of one shape, and objects. A key of an object that
+# ends in "?" may be missing, and one that is "*" stands for any.
+def _answer_schema(shape: Any) -> dict[str, Any]:
+    if isinstance(shape, list):
+        return {"type": "array", "items": _answer_schema(shape[0])}
+    if isinstance(shape, str):
+        return {"type": shape.split() if " " in shape else shape}
+    if "*" in shape:
+        return {"type": "object", "additionalProperties": _answer_schema(shape["*"])}
+    properties = {name.rstrip("?"): _answer_schema(value) for name, value in shape.items()}
+    required = [name for name in shape if not name.endswith("?")]
+    return {"type": "object", "properties": properties, "required": required}
+
+
+_USAGE_ROW = dict(action="string null", outcome="string", alias_hit="boolean", calls="integer",
+                  avg_ms="number null", slow="boolean")
+_RECORD = dict(tool_name="string", call_count="integer", error_count="integer",
+               last_error="string null", disabled="boolean", disabled_at="string null",
+               updated_at="string", usage=[_USAGE_ROW])
+_THREADS = {"os?": "integer", "python": "integer", "python_by_name": {"*": "integer"},
+            "budget": "integer", "warning?": "string"}
+_STATUS = {"perf_stats": [_RECORD], "has_unsaved_changes": "boolean", "threads": _THREADS}
+_TIMES = {name: "number" for name in ("avg_ms", "p95_ms", "min_ms", "max_ms")}
+
+# The answers of the tools that answer with data: just what the health module returns.
+OUTPUT_SCHEMAS: dict[str, dict[str, Any]] = {
+    "status": _answer_schema(_STATUS),
+    "get_tool_performance_stats": _answer_schema(
+        {"tools": [{"name": "string", "count": "integer", **_TIMES, "errors": "integer"}]}),
+}
+
 PARAMETER_SYNONYMS = {
-    **{"query": "pattern", "regex": "pattern", "glob": "pattern"},
+    **{"query": "pattern", "text": "pattern", "glob": "pattern"},
     **{"file": "path", "file_path": "path", "filename": "path"},
     **{"mode": "action", "limit": "max_results", "offset": "start_line"},
 }
 
 ACTION_SYNONYMS = {
-    "search": {"grep": "text", "regex": "text", "content": "text", "glob": "files", "find": "files"},
+    "search": {"grep": "text", "content": "text", "glob": "files", "find": "files"},
 }
 
 
@@ -75,10 +107,7 @@ def is_slow_call(tool: str, action: str | None) -> bool:
 
 
 def resolve_call(tool: str, arguments: dict[str, Any]) -> ResolvedCall:
-    """An agent's arguments for a registered tool: synonyms replaced, defaults filled in, all of it checked.
-
-    Raises BadArguments, which tells the agent what to send instead. Memory only.
-    """
+    """An agent's arguments: synonyms replaced, defaults filled in. Raises BadArguments."""
     schema = INPUT_SCHEMAS[tool]
     properties = schema["properties"]
     given: dict[str, Any] = {}
@@ -95,8 +124,7 @@ def resolve_call(tool: str, arguments: dict[str, Any]) -> ResolvedCall:
             action = ACTION_SYNONYMS.get(tool, {}).get(value, value)
             alias_hit |= action != value
             value = action
-        _check(parameter, value, properties[parameter])
-        given[parameter] = value
+        given[parameter] = _checked(parameter, value, properties[parameter])
     for parameter in schema["required"]:
         if parameter not in given:
             raise BadArguments(f"{tool} needs {parameter}.")
@@ -104,13 +132,17 @@ def resolve_call(tool: str, arguments: dict[str, Any]) -> ResolvedCall:
     return ResolvedCall(defaults | given, alias_hit)
 
 
-def _check(parameter: str, value: Any, rule: dict[str, Any]) -> None:
+def _checked(parameter: str, value: Any, rule: dict[str, Any]) -> Any:
+    if rule["type"] == "integer" and isinstance(value, float) and value.is_integer():
+        value = int(value)  # 1.0 is an integer, to JSON Schema and where all numbers are doubles
     expected = {"string": str, "integer": int}[rule["type"]]
     if type(value) is not expected:  # so that true is no integer
         raise BadArguments(f"{parameter} must be of type {rule['type']}, not {short_repr(value)}.")
     if "enum" in rule and value not in rule["enum"]:
-        raise BadArguments(f"{parameter} must be one of {', '.join(rule['enum'])}, not {short_repr(value)}.")
+        allowed = ", ".join(rule["enum"])
+        raise BadArguments(f"{parameter} must be one of {allowed}, not {short_repr(value)}.")
     if "maximum" in rule and not rule["minimum"] <= value <= rule["maximum"]:
         raise BadArguments(f"{parameter} must be from {rule['minimum']} to {rule['maximum']}.")
     if "maxLength" in rule and len(value) > rule["maxLength"]:
         raise BadArguments(f"{parameter} may be at most {rule['maxLength']} characters long.")
+    return value

@@ -1,1 +1,1 @@
-"""What runs for as long as the server: the guarded call, the MCP conversation, and the thread that saves."""
+"""What runs for as long as the server: the guarded call, the MCP conversation, and the saver."""

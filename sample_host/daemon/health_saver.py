@@ -1,41 +1,55 @@
-"""The thread that writes the health history to the database."""
+"""Writing the health history to the database, beside the event loop."""
 
+import asyncio
 import logging
-import threading
+from collections.abc import Callable
+from concurrent.futures import Executor
+from pathlib import Path
 
 from ..tool_handlers.health import ToolHealthTracker
 
 logger = logging.getLogger(__name__)
 
 
+# `thread` is an executor with a single thread, so that no two flushes overlap. One that fails, at a locked
+# database say, loses nothing: the tracker keeps its changes marked, and the next flush writes them.
+# `count` tells how many calls were counted so far, and `file` is named where saving fails.
 class HealthSaver:
-    """A context in which what the tracker counts is saved every `every_s` seconds, and once more at its end.
+    """Saves what the tracker counts, again and again, and once more at the end."""
 
-    All flushes run in this one thread, so that no two of them overlap. One that fails, at a locked database
-    say, loses nothing: the tracker keeps its changes marked, and the next flush writes them.
-    """
-
-    def __init__(self, tracker: ToolHealthTracker, every_s: float) -> None:
+    def __init__(self, tracker: ToolHealthTracker, thread: Executor, count: Callable[[], int],
+                 file: Path) -> None:
         self._tracker = tracker
-        self._every_s = every_s
-        self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._run, name="health-saver")
+        self._thread = thread
+        self._count = count
+        self._file = file
+        self._saved = 0  # of the calls that were counted
 
-    def __enter__(self) -> None:
-        self._thread.start()
+    async def run(self, every_s: float) -> None:
+        """Save every so many seconds, until the task is cancelled."""
+        told = ""  # the error that was logged last, so that it is not logged every few seconds
+        while True:
+            await asyncio.sleep(every_s)
+            if (error := await self._save()) and error != told:
+                logger.warning("Could not save to %s what stays to be saved: %s", self._file, error)
+            told = error
 
-    def __exit__(self, *_: object) -> None:
-        self._stop.set()
-        self._thread.join()
+    async def save_at_the_end(self) -> bool:
+        """Save once more; false when what is left to save is lost."""
+        if error := await self._save():
+            lost = self._count() - self._saved
+            logger.error("The counts of the last %d calls are lost, not saved to %s: %s",
+                         lost, self._file, error)
+        return not error
 
-    def _run(self) -> None:
-        while not self._stop.wait(self._every_s):
-            self._save()
-        self._save()
-
-    def _save(self) -> None:
+    async def _save(self) -> str:
+        """Save what changed: the error's text, or an empty one."""
+        counted = self._count()
         try:
             if self._tracker.has_unsaved_changes:
-                self._tracker.flush()
+                loop = asyncio.get_running_loop()
+                await loop.run_in_executor(self._thread, self._tracker.flush)
         except Exception as error:
-            logger.warning("Could not save the tool health, which stays to be saved: %s", error)
+            return str(error)
+        self._saved = counted
+        return ""

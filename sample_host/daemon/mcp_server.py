@@ -1,24 +1,25 @@
-"""The Model Context Protocol over a pair of byte streams: JSON-RPC 2.0, one message a line."""
+"""The Model Context Protocol: JSON-RPC 2.0, one message a line, answers as they are ready."""
 
+import asyncio
 import json
 import logging
+from collections.abc import Callable
 from reprlib import repr as short_repr
-from typing import Any, BinaryIO
+from typing import Any
 
+from .. import __version__
 from ..tool_registry import TOOLS
-from ..tool_schemas import INPUT_SCHEMAS
+from ..tool_schemas import INPUT_SCHEMAS, OUTPUT_SCHEMAS
 from ..utils.text import valid_unicode
+from .stdio import MAX_LINE_BYTES
 from .tool_pipeline import Outcome, ToolPipeline
 
-# Versions without batches of messages, which 2025-03-26 would ask for.
-PROTOCOL_VERSIONS = ("2024-11-05", "2025-06-18", "2025-11-25")
-MAX_LINE_BYTES = 1 << 20
+BATCH_VERSION = "2025-03-26"  # the one in which a line may be an array of messages
+PROTOCOL_VERSIONS = ("2024-11-05", BATCH_VERSION, "2025-06-18", "2025-11-25")
+ANNOTATIONS = {"readOnlyHint": True, "idempotentHint": True, "openWorldHint": False}
 
-PARSE_ERROR = -32700
-INVALID_REQUEST = -32600
-METHOD_NOT_FOUND = -32601
-INVALID_PARAMS = -32602
-INTERNAL_ERROR = -32603
+PARSE_ERROR, INVALID_REQUEST, METHOD_NOT_FOUND = -32700, -32600, -32601
+INVALID_PARAMS, INTERNAL_ERROR = -32602, -32603
 
 Message = dict[str, Any]
 
@@ -34,94 +35,139 @@ class ProtocolError(Exception):
 
 
 class McpServer:
-    """Answers requests one at a time, in the order in which they come."""
+    """One client's conversation. Every line is a task: none waits for another's answer."""
 
-    def __init__(self, pipeline: ToolPipeline) -> None:
+    def __init__(self, pipeline: ToolPipeline, answer: Callable[[bytes], None]) -> None:
         self._pipeline = pipeline
-        self._methods = {
+        self._write = answer
+        self._version = PROTOCOL_VERSIONS[-1]
+        self._tasks: set[asyncio.Task[None]] = set()
+        # The running calls by their ids, under which a client can cancel them.
+        self._calls: dict[str | int, asyncio.Task[Any]] = {}
+        self._methods: dict[str, Callable[[Message], Message]] = {
             "initialize": self._initialize,
             "ping": lambda params: {},
             "tools/list": self._list_tools,
-            "tools/call": self._call_tool,
         }
 
-    def serve(self, requests: BinaryIO, answers: BinaryIO) -> None:
-        """Serve until the requests end. Blocks; for the main thread, which the time limit of tools needs."""
-        while line := requests.readline(MAX_LINE_BYTES):
-            if len(line) == MAX_LINE_BYTES and not line.endswith(b"\n"):
-                while line and not line.endswith(b"\n"):  # pass over the rest of it
-                    line = requests.readline(MAX_LINE_BYTES)
-                answer = _error(None, INVALID_REQUEST, f"a line may be at most {MAX_LINE_BYTES} bytes long")
-            else:
-                answer = self._answer(line) if line.strip() else None
-            if answer is not None:
-                answers.write(json.dumps(answer).encode() + b"\n")
-                answers.flush()
+    def receive(self, line: bytes) -> None:
+        """Take one line; what it asks for is answered when it is ready. Never waits."""
+        task = asyncio.create_task(self._take(line))
+        self._tasks.add(task)
+        task.add_done_callback(self._tasks.discard)
 
-    def _answer(self, line: bytes) -> Message | None:
-        """The answer to one line, or None when there is to be none."""
-        try:
-            message = json.loads(line.decode(), parse_constant=_refuse_constant)
-        except (ValueError, RecursionError) as error:
-            return _error(None, PARSE_ERROR, f"not a JSON text: {error}")
+    async def finish(self, grace_s: float) -> None:
+        """Give what is running a moment to end, then cancel it."""
+        if self._tasks:
+            await asyncio.wait(self._tasks, timeout=grace_s)
+        for call in self._calls.values():
+            call.cancel()
+        await asyncio.gather(*self._tasks)
+
+    async def _take(self, line: bytes) -> None:
+        answers: list[Message | None] = []
+        is_batch = False
+        if len(line) > MAX_LINE_BYTES:
+            too_long = f"a line may be at most {MAX_LINE_BYTES} bytes long"
+            answers = [_error(None, INVALID_REQUEST, too_long)]
+        elif line.strip():
+            try:
+                message = json.loads(line.decode(), parse_constant=_refuse_constant)
+            except (ValueError, RecursionError) as error:
+                answers = [_error(None, PARSE_ERROR, f"not a JSON text: {error}")]
+            else:
+                is_batch = isinstance(message, list) and self._version == BATCH_VERSION
+                messages = message if is_batch and message else [message]
+                answers = await asyncio.gather(*map(self._answer, messages))
+        told = [answer for answer in answers if answer is not None]
+        if told:
+            self._write(json.dumps(told if is_batch and message else told[0]).encode())
+
+    async def _answer(self, message: Any) -> Message | None:
+        """The answer to one message, or None when there is to be none."""
         if not isinstance(message, dict):
             return _error(None, INVALID_REQUEST, "not a JSON object")
         if "method" not in message and ("result" in message or "error" in message):
             return None  # an answer, though this server never asks
         request_id = message.get("id")
+        if "id" in message and type(request_id) not in (str, int):
+            return _error(None, INVALID_REQUEST, "the id must be a string or an integer")
         try:
-            if "id" in message and type(request_id) not in (str, int):
-                request_id = None
-                raise ProtocolError(INVALID_REQUEST, "the id must be a string or an integer")
             method, params = message.get("method"), message.get("params", {})
             well_formed = isinstance(method, str) and isinstance(params, dict | list)
             if message.get("jsonrpc") != "2.0" or not well_formed:
                 raise ProtocolError(INVALID_REQUEST, "not a JSON-RPC 2.0 request")
             if "id" not in message:
-                return None  # a notification, and none of them asks for anything here
-            if method not in self._methods:
+                return self._take_notification(method, params)
+            if method != "tools/call" and method not in self._methods:
                 raise ProtocolError(METHOD_NOT_FOUND, f"no method {short_repr(method)}")
             if isinstance(params, list):
                 raise ProtocolError(INVALID_PARAMS, "params must be an object")
-            return {"jsonrpc": "2.0", "id": request_id, "result": self._methods[method](params)}
+            if method == "tools/call":
+                result = await self._call_tool(request_id, params)
+            else:
+                result = self._methods[method](params)
+            return {"jsonrpc": "2.0", "id": request_id, "result": result}
         except ProtocolError as error:
             return _error(request_id, error.code, str(error))
+        except asyncio.CancelledError:
+            return None  # its client wants no answer
         except Exception as error:
             logger.exception("Could not answer a request")
             return _error(request_id, INTERNAL_ERROR, f"internal error: {type(error).__name__}")
+
+    def _take_notification(self, method: str, params: Message | list[Any]) -> None:
+        asked = params.get("requestId") if isinstance(params, dict) else None
+        if method == "notifications/cancelled" and type(asked) in (str, int):
+            call = self._calls.get(asked)
+            if call is not None:
+                call.cancel()
 
     def _initialize(self, params: Message) -> Message:
         asked = params.get("protocolVersion")
         if not isinstance(asked, str):
             raise ProtocolError(INVALID_PARAMS, "protocolVersion must be a string")
-        # Versions are dates, so the newest that the client may know is the newest one up to what it asks for.
+        # Versions are dates: the newest that the client may know is the newest up to the one asked.
         known = [version for version in PROTOCOL_VERSIONS if version <= asked]
+        self._version = max(known, default=PROTOCOL_VERSIONS[-1])
         return {
-            "protocolVersion": max(known, default=PROTOCOL_VERSIONS[-1]),
+            "protocolVersion": self._version,
             "capabilities": {"tools": {}},
-            "serverInfo": {"name": "sample_host", "version": "1.0"},
+            "serverInfo": {"name": "sample_host", "version": __version__},
         }
 
     def _list_tools(self, params: Message) -> Message:
         if params.get("cursor") is not None:
             raise ProtocolError(INVALID_PARAMS, "there are no further pages")
-        return {
-            "tools": [
-                {"name": tool.name, "description": tool.description, "inputSchema": INPUT_SCHEMAS[tool.name]}
-                for tool in TOOLS.values()
-            ]
-        }
+        tools: list[Message] = []
+        for tool in TOOLS.values():
+            words = {"name": tool.name, "title": tool.title, "description": tool.description}
+            schemas = {"inputSchema": INPUT_SCHEMAS[tool.name]}
+            if tool.name in OUTPUT_SCHEMAS:
+                schemas["outputSchema"] = OUTPUT_SCHEMAS[tool.name]
+            tools.append({**words, **schemas, "annotations": {"title": tool.title, **ANNOTATIONS}})
+        return {"tools": tools}
 
-    def _call_tool(self, params: Message) -> Message:
+    async def _call_tool(self, request_id: str | int, params: Message) -> Message:
         name, arguments = params.get("name"), params.get("arguments", {})
         if not isinstance(name, str) or not isinstance(arguments, dict):
             raise ProtocolError(INVALID_PARAMS, "name must be a string and arguments an object")
         tool = TOOLS.get(name)
         if tool is None:
             raise ProtocolError(INVALID_PARAMS, f"Unknown tool: {short_repr(name)}")
-        outcome, content = self._pipeline.call(tool.name, arguments)
+        if request_id in self._calls:
+            raise ProtocolError(INVALID_REQUEST, "a call with this id is running")
+        task = asyncio.current_task()
+        assert task is not None
+        self._calls[request_id] = task
+        try:
+            outcome, content = await self._pipeline.call(tool.name, arguments)
+        finally:
+            del self._calls[request_id]
         text = valid_unicode(content if isinstance(content, str) else json.dumps(content))
-        return {"content": [{"type": "text", "text": text}], "isError": outcome is not Outcome.OK}
+        data = {} if isinstance(content, str) else {"structuredContent": content}
+        answer = {"content": [{"type": "text", "text": text}], "isError": outcome is not Outcome.OK}
+        return {**answer, **data}
 
 
 def _error(request_id: str | int | None, code: int, message: str) -> Message:

@@ -1,83 +1,117 @@
 """The guarded call: what every tool call goes through."""
 
+import asyncio
 import logging
 import time
 from collections.abc import Callable, Mapping
+from concurrent.futures import ThreadPoolExecutor
 from enum import Enum
 from typing import Any
 
+from ..config import MAX_QUEUED, TIME_LIMIT_S, WORKERS
 from ..tool_handlers.health import ToolHealthTracker
-from ..tool_schemas import BadArguments, resolve_call
+from ..tool_handlers.source_files import Unreadable
+from ..tool_schemas import BadArguments, ResolvedCall, resolve_call
+from ..utils.deadline import Deadline, Stopped
 from ..utils.text import valid_unicode
-from ..utils.time_limit import time_limit
 from ..utils.timing import get_timing_collector
-
-TIME_LIMIT_S = 5.0
-"""The longest that a handler may run."""
+from .recovery import Admission, Recovery, Refused
 
 logger = logging.getLogger(__name__)
 
+Handler = Callable[..., Any]
+
 
 class Outcome(Enum):
-    """How a call ended. The values are what the calls are counted under, in memory and in the database."""
+    """How a call ended. The values are what it is counted under, in memory and in the database."""
 
     OK = "ok"
     FAILED = "failed"  # the tool's fault: so many in a row disable it
-    BAD_ARGUMENTS = "bad_arguments"  # the agent's fault: counted, but never held against the tool
-    REFUSED = "refused"  # the tool is disabled, so it did not run
+    CALL_FAILED = "call_failed"  # this call's own: a file that cannot be read, or no time left
+    BAD_ARGUMENTS = "bad_arguments"  # the agent's fault
+    REFUSED = "refused"  # the tool is disabled, or another call is trying it
+    OVERLOADED = "overloaded"  # too many calls wait already
+    CANCELLED = "cancelled"  # its client no longer wants it
 
 
+# For the event loop: all that the tracker is asked and told touches memory only. Handlers run in the
+# threads of a pool, and those of `quick` tools, which must not wait for a worker, in one of their own.
 class ToolPipeline:
-    """Runs tools by name. Asks the tracker before each call and tells it afterwards how the call ended."""
+    """Runs tools by name. Asks the tracker before each call, and tells it how that ended."""
 
-    def __init__(self, tracker: ToolHealthTracker, handlers: Mapping[str, Callable[..., Any]]) -> None:
+    def __init__(self, tracker: ToolHealthTracker, handlers: Mapping[str, Handler],
+                 quick: Mapping[str, Handler]) -> None:
         self._tracker = tracker
+        self._recovery = Recovery(tracker)
         self._handlers = handlers
+        self._quick = quick
+        self._workers = ThreadPoolExecutor(WORKERS, "worker")
+        self._status = ThreadPoolExecutor(1, "status")
+        self._busy = 0  # calls that a worker runs, or that wait for one
+        self.counted = 0  # all calls so far: each is counted once, when it ends
 
-    def call(self, tool: str, arguments: dict[str, Any]) -> tuple[Outcome, Any]:
-        """Run one call of a tool: how it ended, and the handler's answer or what to tell the agent instead.
-
-        `tool` must be a name of the registry, never an agent's own text: it becomes a key of counts that are
-        kept for ever. Blocks while the handler runs, up to TIME_LIMIT_S; all else touches memory only. For
-        the main thread, because of the time limit.
-        """
-        # The first question after a cooldown enables the tool again for every caller. Here calls come one at
-        # a time; a host that runs many at once may want to let one through first.
-        disabled, last_error = self._tracker.is_disabled(tool)
-        if disabled:
-            self._tracker.record_call(tool, None, Outcome.REFUSED.value, alias_hit=False, duration_ms=None)
-            return Outcome.REFUSED, self._refusal(tool, last_error)
-
-        action, alias_hit = None, False
-        started = time.perf_counter()
+    # `tool` must be a name of the registry, never an agent's own text: it becomes a key of counts that are
+    # kept for ever. Cancelling the task cancels the call, which is then counted at once.
+    async def call(self, tool: str, arguments: dict[str, Any]) -> tuple[Outcome, Any]:
+        """Run one call: how it ended, and the handler's answer or what to tell the agent instead."""
+        call: ResolvedCall | None = None
+        outcome, duration_ms = Outcome.CANCELLED, None
         try:
-            call = resolve_call(tool, arguments)
-            action, alias_hit = call.action, call.alias_hit
-            with time_limit(TIME_LIMIT_S):
-                content = self._handlers[tool](**call.parameters)
+            with self._recovery.admit(tool) as admission:
+                call = resolve_call(tool, arguments)
+                started = time.perf_counter()
+                outcome, content = await self._run(tool, call, admission)
+                elapsed_ms = (time.perf_counter() - started) * 1000
+            if outcome is Outcome.OK:
+                duration_ms = elapsed_ms
+            if outcome is not Outcome.OVERLOADED:
+                failed = outcome is not Outcome.OK
+                get_timing_collector().record(tool, elapsed_ms, failed=failed)
+        except Refused as error:
+            outcome, content = Outcome.REFUSED, str(error)
         except BadArguments as error:
             # No error of the tool: one confused agent must not disable it for everybody.
             outcome, content = Outcome.BAD_ARGUMENTS, f"Bad arguments: {error}"
-        except Exception as error:
-            outcome, content = Outcome.FAILED, valid_unicode(f"{type(error).__name__}: {error}")
-            self._tracker.record_error(tool, content)
-            logger.warning("%s failed: %s", tool, content)
-        else:
-            outcome = Outcome.OK
-            self._tracker.record_success(tool)
-        duration_ms = (time.perf_counter() - started) * 1000
-
-        answered = outcome is Outcome.OK
-        self._tracker.record_call(
-            tool, action, outcome.value, alias_hit=alias_hit, duration_ms=duration_ms if answered else None
-        )
-        if outcome is not Outcome.BAD_ARGUMENTS:
-            get_timing_collector().record(tool, duration_ms, failed=not answered)
+        finally:
+            action, alias_hit = (call.action, call.alias_hit) if call else (None, False)
+            self._tracker.record_call(
+                tool, action, outcome.value, alias_hit=alias_hit, duration_ms=duration_ms)
+            self.counted += 1
         return outcome, content
 
-    def _refusal(self, tool: str, last_error: str | None) -> str:
-        return (
-            f"{tool} is disabled because it kept failing; its last error was: {last_error or 'unknown'}."
-            " Calling it again now is useless: every call is refused until it is tried again, in"
-            f" {self._tracker.cooldown_s:g} s at the latest."
-        )
+    async def _run(self, tool: str, call: ResolvedCall, admission: Admission) -> tuple[Outcome, Any]:
+        loop = asyncio.get_running_loop()
+        try:
+            if tool in self._quick:
+                content = await loop.run_in_executor(self._status, self._quick[tool])
+            elif self._busy >= WORKERS + MAX_QUEUED:
+                return Outcome.OVERLOADED, f"{MAX_QUEUED} calls wait already. Ask again later."
+            else:
+                content = await self._in_worker(loop, self._handlers[tool], call.parameters)
+        except BadArguments:
+            raise
+        except (Unreadable, Stopped) as error:
+            return Outcome.CALL_FAILED, valid_unicode(f"{tool} cannot answer this call: {error}")
+        except Exception as error:
+            content = valid_unicode(f"{type(error).__name__}: {error}")
+            self._tracker.record_error(tool, content)
+            logger.warning("%s failed: %s", tool, content)
+            return Outcome.FAILED, content
+        self._tracker.record_success(tool)
+        admission.succeeded = True
+        return Outcome.OK, content
+
+    async def _in_worker(self, loop: asyncio.AbstractEventLoop, handler: Handler,
+                         parameters: dict[str, Any]) -> Any:
+        """The handler's answer. Cancelled, it leaves the queue, or sees it at its next look."""
+        deadline = Deadline(TIME_LIMIT_S)
+        self._busy += 1
+        running = self._workers.submit(lambda: handler(deadline.start(), **parameters))
+        running.add_done_callback(lambda _: loop.call_soon_threadsafe(self._one_less_busy))
+        try:
+            return await asyncio.wrap_future(running)
+        finally:
+            deadline.cancel()
+
+    def _one_less_busy(self) -> None:
+        self._busy -= 1

@@ -1,22 +1,29 @@
 """The ``read_file`` tool."""
 
+from itertools import accumulate, takewhile
 from pathlib import Path
 
 from ..tool_schemas import BadArguments
-from .source_files import MAX_FILE_BYTES, find_file, open_directory, read_lines
+from ..utils.deadline import Deadline
+from .source_files import find_file, open_directory, read_lines
 
 _MAX_CHARACTERS = 100_000
 
 
-def read_file(directory: Path, *, path: str, start_line: int, max_lines: int) -> str:
-    """The lines asked for. When that is not the file's end, the last line says so."""
+def read_file(directory: Path, deadline: Deadline, *, path: str, start_line: int,
+              max_lines: int) -> str:
+    """The lines asked for, as many as fit; then which they are, where that is not the file's end."""
     lines = read_lines(find_file(open_directory(directory), path))
-    if lines is None:
-        raise BadArguments(f"path names a binary file, or one of more than {MAX_FILE_BYTES} bytes.")
+    deadline.check()
     if start_line > len(lines):
         raise BadArguments(f"the file has {len(lines)} lines.")
-    end = start_line - 1 + max_lines
-    answer = "\n".join(lines[start_line - 1 : end])
-    if len(answer) > _MAX_CHARACTERS:
-        return f"{answer[:_MAX_CHARACTERS]}\n(cut after {_MAX_CHARACTERS} characters)"
-    return f"{answer}\n(line {end} of {len(lines)})" if end < len(lines) else answer
+    asked = lines[start_line - 1 : start_line - 1 + max_lines]
+    lengths = accumulate(len(line) + 1 for line in asked)
+    fitting = max(1, sum(1 for _ in takewhile(lambda length: length <= _MAX_CHARACTERS, lengths)))
+    shown = asked[:fitting]
+    end = start_line - 1 + len(shown)
+    text = "\n".join(shown)
+    if len(text) > _MAX_CHARACTERS:  # one line that is too long by itself
+        text = text[:_MAX_CHARACTERS]
+        return f"{text}\n(line {end} of {len(lines)}, cut after {_MAX_CHARACTERS} characters)"
+    return f"{text}\n(lines {start_line} to {end} of {len(lines)})" if end < len(lines) else text

@@ -1,24 +1,29 @@
 """Reading a directory of sources, and nothing outside it."""
 
 import os
+from collections import Counter
 from collections.abc import Iterator
 from pathlib import Path
 
 from ..tool_schemas import BadArguments
 
 MAX_FILE_BYTES = 4 << 20
-_SKIPPED_DIRECTORIES = {".git", ".venv", "node_modules", "__pycache__"}
+SKIPPED_DIRECTORIES = (".git", ".venv", "node_modules", "__pycache__")
+
+
+class Unreadable(Exception):
+    """One file cannot be read: the call's own failure, never the tool's."""
 
 
 def open_directory(directory: Path) -> Path:
-    """The directory's real path. Raises OSError when it is gone or unreadable: the tool has failed then."""
+    """The directory's real path. Raises OSError when it is gone: the tool has failed then."""
     real = directory.resolve(strict=True)
     os.scandir(real).close()
     return real
 
 
 def find_file(root: Path, path: str) -> Path:
-    """The regular file at `path` under `root`, itself a real path. Raises BadArguments when there is none."""
+    """The regular file at `path` under `root`, a real path. Raises BadArguments without one."""
     try:
         file = (root / path).resolve()
     except (OSError, ValueError) as error:  # a NUL in the path, say
@@ -30,21 +35,30 @@ def find_file(root: Path, path: str) -> Path:
     return file
 
 
-def walk_files(root: Path) -> Iterator[Path]:
-    """The regular files under `root`, by name; symbolic links are not followed."""
-    for directory, directories, names in root.walk():
-        directories[:] = sorted(set(directories) - _SKIPPED_DIRECTORIES)
+def walk_files(root: Path, skipped: Counter[str]) -> Iterator[Path]:
+    """The regular files under `root`, by name. `skipped` counts by kind what is passed over."""
+    unreadable = ["unreadable directories"]
+    for directory, directories, names in root.walk(on_error=lambda _: skipped.update(unreadable)):
+        skipped.update(name for name in directories if name in SKIPPED_DIRECTORIES)
+        directories[:] = sorted(set(directories).difference(SKIPPED_DIRECTORIES))
         for name in sorted(names):
             file = directory / name
             if os.path.isfile(file) and not file.is_symlink():
                 yield file
+            else:
+                skipped["links and special files"] += 1
 
 
-def read_lines(file: Path) -> list[str] | None:
-    """The file's lines, odd bytes replaced, or None when it is binary or larger than MAX_FILE_BYTES."""
-    with file.open("rb") as stream:
-        data = stream.read(MAX_FILE_BYTES + 1)
-    if len(data) > MAX_FILE_BYTES or b"\0" in data:
-        return None
+def read_lines(file: Path) -> list[str]:
+    """The file's lines, odd bytes replaced. Raises Unreadable."""
+    try:
+        with file.open("rb") as stream:
+            data = stream.read(MAX_FILE_BYTES + 1)
+    except OSError as error:
+        raise Unreadable(f"unreadable files: {error.strerror}") from None
+    if len(data) > MAX_FILE_BYTES:
+        raise Unreadable(f"files over {MAX_FILE_BYTES >> 20} MiB")
+    if b"\0" in data:
+        raise Unreadable("binary files")
     text = data.decode("utf-8", "replace").replace("\r\n", "\n")
     return text.removesuffix("\n").split("\n")

@@ -2,10 +2,8 @@
 
 from typing import Any
 
+from ..config import THREAD_BUDGET
 from .health import ToolHealthTracker, thread_census_report
-
-THREAD_BUDGET = 2
-"""The main thread and the one that saves: this host has no pools."""
 
 
 def status(tracker: ToolHealthTracker) -> dict[str, Any]:

@@ -9,11 +9,9 @@ from dataclasses import dataclass
 
 @dataclass(frozen=True)
 class ThreadCensus:
-    os_threads: int | None
-    """The operating system's count, which sees threads unknown to Python too; None where it cannot be had."""
+    os_threads: int | None  # with those unknown to Python; None where the system does not count
     python_total: int
-    python_threads: dict[str, int]
-    """Python's threads by name prefix: the name without the number at its end, so a pool is one entry."""
+    python_threads: dict[str, int]  # by name without the number at its end: a pool is one entry
 
 
 def thread_census() -> ThreadCensus:

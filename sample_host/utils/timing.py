@@ -3,20 +3,31 @@
 import math
 import threading
 from collections import deque
+from dataclasses import dataclass, field
 from typing import Any
 
-_RECENT_CALLS = 1000
-"""The 95th percentile is that of so many latest calls of a tool, which bounds the memory."""
+_RECENT_CALLS = 1000  # of a tool, whose 95th percentile is taken; this bounds the memory
 
 
+@dataclass
 class _ToolTimes:
-    def __init__(self) -> None:
-        self.count = 0
-        self.errors = 0
-        self.total_ms = 0.0
-        self.min_ms = math.inf
-        self.max_ms = 0.0
-        self.recent_ms: deque[float] = deque(maxlen=_RECENT_CALLS)
+    count: int = 0
+    errors: int = 0
+    total_ms: float = 0.0
+    min_ms: float = math.inf
+    max_ms: float = 0.0
+    recent_ms: deque[float] = field(default_factory=lambda: deque(maxlen=_RECENT_CALLS))
+
+    def stats(self) -> dict[str, Any]:
+        p95_ms = sorted(self.recent_ms)[math.ceil(0.95 * len(self.recent_ms)) - 1]
+        return {
+            "count": self.count,
+            "avg_ms": round(self.total_ms / self.count, 3),
+            "p95_ms": round(p95_ms, 3),
+            "min_ms": round(self.min_ms, 3),
+            "max_ms": round(self.max_ms, 3),
+            "errors": self.errors,
+        }
 
 
 class TimingCollector:
@@ -39,18 +50,7 @@ class TimingCollector:
     def get_all_stats(self) -> list[dict[str, Any]]:
         """One record per tool, in the order of their first calls; times in milliseconds."""
         with self._lock:
-            return [
-                {
-                    "name": name,
-                    "count": times.count,
-                    "avg_ms": times.total_ms / times.count,
-                    "p95_ms": sorted(times.recent_ms)[math.ceil(0.95 * len(times.recent_ms)) - 1],
-                    "min_ms": times.min_ms,
-                    "max_ms": times.max_ms,
-                    "errors": times.errors,
-                }
-                for name, times in self._tools.items()
-            ]
+            return [{"name": name, **times.stats()} for name, times in self._tools.items()]
 
 
 _collector = TimingCollector()
