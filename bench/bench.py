@@ -25,6 +25,7 @@ from types import SimpleNamespace
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
+from bench import daemon  # noqa: E402
 from bench.plot import draw  # noqa: E402  (the checkout has to be importable first)
 from tests.hosts import PLAIN, Host, ThreadCensus, Tool, typed  # noqa: E402
 
@@ -304,10 +305,12 @@ def main():
     points = bench.summaries()
     bench.history()
     bench.memory()
+    served, late = daemon.measure(options.quick, bench.module.filled(1000, ACTIONS))
     if options.json:
-        options.json.write_text(json.dumps({"rows": bench.rows, "summary": points}, indent=1))
+        figures = {"rows": bench.rows, "summary": points, "daemon": served, "late": late}
+        options.json.write_text(json.dumps(figures, indent=1))
     if options.svg:
-        draw(options.svg, [row for row in bench.rows if row[0] in bench.per_call], points)
+        draw(options.svg, [row for row in bench.rows if row[0] in bench.per_call], points, served)
 
 
 if __name__ == "__main__":

@@ -52,11 +52,28 @@ def _summary(points, top, height):
         yield _text(at(tools, 1)[0], top + height + 22, f"{tools:,} tools", "middle", 12)
 
 
-def draw(path, rows, points):
-    """Writes the picture; `rows` are (name, plain seconds, module seconds, ratio), `points` (tools, plain, module)."""
+def _served(rows, top):
+    """The slowest call of each daemon, over the logarithm of the milliseconds."""
+    scale = (WIDTH - LEFT - 160) / log10(max(slowest for *_, slowest in rows) * 1e3)
+    for index, (name, calls, _, slowest) in enumerate(rows):
+        y, width = top + index * 28, max(0, log10(slowest * 1e3)) * scale
+        yield _text(LEFT - 10, y + 12, name, "end")
+        yield _bar(LEFT, y, width, PLAIN if "through" in name else MODULE)
+        yield _text(LEFT + width + 6, y + 12, f"{slowest * 1e3:,.0f} ms, {calls:,} calls", size=12)
+
+
+def draw(path, rows, points, served):
+    """Writes the picture.
+
+    `rows` are (name, plain seconds, module seconds, ratio), `points` (tools, plain, module), and `served` (name,
+    calls, 99th percentile, slowest).
+    """
     top, height = 60, 220
-    below = top + len(rows) * ROW + 60
-    parts = [_text(20, 30, "Cost of a call: plain Python (grey) and the module (blue)", size=16), *_calls(rows, top),
+    calls = top + len(served) * 28 + 50
+    below = calls + len(rows) * ROW + 60
+    parts = [_text(20, 30, "The slowest of a client's calls in 8 s, 16 at once", size=16), *_served(served, top),
+             _text(20, calls - 20, "Cost of a call: plain Python (grey) and the module (blue)", size=16),
+             *_calls(rows, calls),
              _text(20, below - 20, "get_health_summary as tools grow, 5 usage keys a tool", size=16),
              *_summary(points, below, height)]
     total = below + height + 50

@@ -13,6 +13,7 @@ import subprocess
 import sys
 import time
 from collections import Counter
+from collections.abc import Iterator
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import IO, Any
@@ -72,16 +73,14 @@ class Client:
         result = self.request("tools/call", {"name": tool, "arguments": arguments})
         return result["isError"], result["content"][0]["text"]
 
-    def keep_calling(self, in_flight: int, seconds: float, call: dict[str, Any]) -> list[float]:
-        """Keep so many calls running for so long: the seconds that each of them took."""
+    def keep_calling(self, at_once: int, seconds: float, call: dict[str, Any]) -> Iterator[float]:
+        """Keep so many calls running for so long, and give out the seconds that each took."""
         ends_at = time.monotonic() + seconds
-        asked_at = {self.ask("tools/call", call): time.monotonic() for _ in range(in_flight)}
-        took: list[float] = []
+        asked_at = {self.ask("tools/call", call): time.monotonic() for _ in range(at_once)}
         while asked_at:
-            took.append(time.monotonic() - asked_at.pop(self.receive()["id"]))
+            yield time.monotonic() - asked_at.pop(self.receive()["id"])
             if time.monotonic() < ends_at:
                 asked_at[self.ask("tools/call", call)] = time.monotonic()
-        return took
 
     def close(self) -> int:
         """End the server by the end of its input, and answer its exit status."""
@@ -131,7 +130,7 @@ def _play(directory: Path, scratch: Path, log: IO[str]) -> None:
     with contextlib.closing(sqlite3.connect(database, isolation_level=None)) as other:
         other.execute("BEGIN IMMEDIATE")
         call = {"name": "search", "arguments": {"action": "files", "pattern": "README*"}}
-        took = agent.keep_calling(AGENTS, LOCKED_S, call)
+        took = list(agent.keep_calling(AGENTS, LOCKED_S, call))
         other.execute("ROLLBACK")
     _print(f"server  {len(took)} calls answered, the slowest after {max(took) * 1000:.0f} ms")
 

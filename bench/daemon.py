@@ -1,0 +1,106 @@
+"""The sample host as its client sees it, over stdio, while its database is free and while it is locked.
+
+Beside it the same daemon whose tracker writes every report through to the database (write_through.py). And how
+late an event loop is at worst while another thread asks for a large summary, or flushes a large history.
+"""
+
+import asyncio
+import contextlib
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+from sample_host.demo import Client, Unexpected
+
+CHECKOUT = Path(__file__).resolve().parent.parent
+IN_FLIGHT = 16
+CALL = {"name": "read_file", "arguments": {"path": "file"}}
+
+# What another process does for as long as its standard input is open.
+LOCK = """
+import sqlite3, sys
+db = sqlite3.connect(sys.argv[1], isolation_level=None)
+db.execute("BEGIN IMMEDIATE")
+print("locked", flush=True)
+sys.stdin.read()
+"""
+
+
+class Daemon(Client):
+    """A server of the package, or of the module that writes through."""
+
+    def __init__(self, program, directory):
+        (directory / "file").write_text("text\n")
+        command = ["-m", program, "--repo", directory, "--db", directory / "db"]
+        self.process = subprocess.Popen(
+            [sys.executable, *command], cwd=CHECKOUT, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL)
+        self._next_id = 0
+
+
+@contextlib.contextmanager
+def lock_of(database, wanted):
+    """The database's write lock, held by another process."""
+    if not wanted:
+        yield
+        return
+    with subprocess.Popen([sys.executable, "-c", LOCK, database], stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE) as other:
+        other.stdout.readline()
+        yield
+        other.stdin.close()
+
+
+def calls_answered(program, locked, seconds):
+    """How many calls were answered in so many seconds, their 99th percentile and the slowest, in seconds.
+
+    Calls that are still waiting a while after that are given up, and count with the time that they waited.
+    """
+    took, patience = [], seconds / 2
+    with tempfile.TemporaryDirectory() as scratch:
+        directory = Path(scratch)
+        daemon = Daemon(program, directory)
+        daemon.call(CALL["name"], CALL["arguments"])
+        give_up = threading.Timer(seconds + patience, daemon.process.kill)
+        with lock_of(directory / "db", locked):
+            give_up.start()
+            try:
+                for each in daemon.keep_calling(IN_FLIGHT, seconds, CALL):
+                    took.append(each)
+            except (Unexpected, BrokenPipeError):
+                took.append(seconds + patience)
+        give_up.cancel()
+        daemon.process.kill()
+        daemon.process.communicate()
+    took.sort()
+    return len(took), took[int(0.99 * len(took))], took[-1]
+
+
+async def lateness(work):
+    """How late, in seconds, a loop that wants to run every millisecond is at worst while a thread works."""
+    worst, running = 0.0, asyncio.create_task(asyncio.to_thread(work))
+    while not running.done():
+        due = time.perf_counter() + 0.001
+        await asyncio.sleep(0.001)
+        worst = max(worst, time.perf_counter() - due)
+    return worst
+
+
+def measure(quick, tracker):
+    """Prints and returns the rows: (name, locked, calls, 99th percentile, slowest), and the lateness of a loop."""
+    seconds, rows = 0.3 if quick else 8, []
+    print(f"\n{'over stdio, 16 calls in flight for 8 s':44} {'calls':>10} {'99 %':>10} {'slowest':>10}")
+    for name, program in (("the daemon", "sample_host"), ("written through", "bench.write_through")):
+        for locked in (False, True):
+            calls, percentile, slowest = calls_answered(program, locked, seconds)
+            title = f"{name}, database {'locked' if locked else 'free'}"
+            print(f"{title:44} {calls:10} {percentile * 1e3:7.1f} ms {slowest * 1e3:7.1f} ms", flush=True)
+            rows.append((title, calls, percentile, slowest))
+    late = {"a summary": asyncio.run(lateness(tracker.get_health_summary)),
+            "a flush": asyncio.run(lateness(tracker.flush))}
+    for name, worst in late.items():
+        print(f"{'event loop late by, during ' + name + ' of 1,000 x 5':44} {worst * 1e3:18.1f} ms")
+    return rows, late
