@@ -210,6 +210,7 @@ class Bench:
             self.per_call.append(name)
         for name, statement in {
             "thread_census_report": "report(100, census)",
+            "thread_census_report, with a warning": "report(50, census)",
             "handle_get_tool_performance_stats, 20 tools": "stats()",
         }.items():
             census = ThreadCensus(90, 12, {"MainThread": 1, "pool": 11})

@@ -9,6 +9,7 @@
 #include "usage_rows.hpp"
 
 #include <algorithm>
+#include <optional>
 #include <tuple>
 
 namespace health {
@@ -20,7 +21,7 @@ using cpython::Scratch;
 
 namespace {
 
-constexpr Py_ssize_t no_entry = -1;
+constexpr std::size_t no_entry = static_cast<std::size_t>(-1);
 
 /// One tool of the summary, with the chain of its usage counts.
 struct Tool {
@@ -29,8 +30,8 @@ struct Tool {
     long long errors = 0;
     long long calls = 0;
     std::size_t place = 0;  // in the order of listing, which keeps the order of equals
-    Py_ssize_t first_entry = no_entry;
-    Py_ssize_t last_entry = no_entry;
+    std::size_t first_entry = no_entry;
+    std::size_t last_entry = no_entry;
 
     [[nodiscard]] bool precedes(const Tool& other) const
     {
@@ -38,11 +39,12 @@ struct Tool {
     }
 };
 
-/// One usage count, and the next one of the same tool.
+/// One usage count, the place of its tool, and the next one of the same tool.
 struct Entry {
     Ref key;
     Ref usage;
-    Py_ssize_t next = no_entry;
+    std::size_t tool = 0;
+    std::size_t next = no_entry;
 };
 
 /// The key of the general sort of (name, record) pairs: `(-record.error_count, -record.call_count)`.
@@ -159,32 +161,31 @@ class GroupedSummary {
 public:
     GroupedSummary(const Scope& scope, const Tracker& tracker, Ref states, Ref usage)
         : scope_{scope}, tracker_{tracker}, states_{std::move(states)}, usage_{std::move(usage)},
-          index_{Ref::steal(PyDict_New())},
-          tools_{static_cast<std::size_t>(PyDict_GET_SIZE(states_.get()) + PyDict_GET_SIZE(usage_.get()))},
-          entries_{static_cast<std::size_t>(PyDict_GET_SIZE(usage_.get()))}
+          places_{Ref::steal(PyDict_New())}, entries_{static_cast<std::size_t>(PyDict_GET_SIZE(usage_.get()))}
     {
     }
 
     /// Lists, groups and ranks. No when something is not plain; nothing foreign has run then, and nothing has changed.
     Answer prepare()
     {
-        if (!index_ || !tools_ || !entries_) {
+        if (!places_ || !entries_) {
             return Answer::failed;
         }
         Answer listed = list_states();
         listed = listed == Answer::yes ? list_usage() : listed;
-        listed = listed == Answer::yes ? rank() : listed;
-        return listed;
+        if (listed != Answer::yes) {
+            return listed;
+        }
+        return group() ? rank() : Answer::failed;
     }
 
     /// The records, the worst first.
     Ref build()
     {
         Ref summary = Ref::steal(PyList_New(0));
-        for (std::size_t i = 0; summary && i < tool_count_; ++i) {
-            const Tool& tool = tools_[i];
-            if (!append(summary, make_record(scope_, tool.name.get(), tool.state.get(),
-                                             [&] { return usage_of(tool); }))) {
+        for (const Tool& tool : *tools_) {
+            if (!summary || !append(summary, make_record(scope_, tool.name.get(), tool.state.get(),
+                                                         [&] { return usage_of(tool); }))) {
                 return {};
             }
         }
@@ -192,25 +193,17 @@ public:
     }
 
 private:
-    /// The tool of that name, which is listed if it is new; null for a failure.
-    Tool* tool_named(PyObject* name)
+    /// Finds the place of the tool of that name, which is listed last if it is new; false for a failure.
+    bool find_place(PyObject* name, std::size_t& place)
     {
-        Ref place;
-        if (PyDict_GetItemRef(index_.get(), name, place.out()) < 0) {
-            return nullptr;
+        Ref number;
+        if (PyDict_GetItemRef(places_.get(), name, number.out()) != 0) {
+            place = number ? PyLong_AsSize_t(number.get()) : 0;
+            return static_cast<bool>(number);
         }
-        if (place) {
-            return &tools_[PyLong_AsSize_t(place.get())];
-        }
-        place = Ref::steal(PyLong_FromSize_t(tool_count_));
-        if (!place || PyDict_SetItem(index_.get(), name, place.get()) != 0) {
-            return nullptr;
-        }
-        Tool& tool = tools_[tool_count_];
-        tool.name = Ref::borrow(name);
-        tool.place = tool_count_;
-        ++tool_count_;
-        return &tool;
+        place = static_cast<std::size_t>(PyDict_GET_SIZE(places_.get()));
+        number = Ref::steal(PyLong_FromSize_t(place));
+        return number && PyDict_SetItem(places_.get(), name, number.get()) == 0;
     }
 
     Answer list_states()
@@ -222,11 +215,9 @@ private:
             if (!PyUnicode_CheckExact(name) || state == Py_None) {
                 return Answer::no;
             }
-            Tool* const tool = tool_named(name);
-            if (tool == nullptr) {
+            if (std::size_t place = 0; !find_place(name, place)) {
                 return Answer::failed;
             }
-            tool->state = Ref::borrow(state);
         }
         return Answer::yes;
     }
@@ -236,29 +227,50 @@ private:
         Py_ssize_t position = 0;
         PyObject* key = nullptr;
         PyObject* usage = nullptr;
-        for (Py_ssize_t at = 0; PyDict_Next(usage_.get(), &position, &key, &usage) != 0; ++at) {
+        for (std::size_t at = 0; PyDict_Next(usage_.get(), &position, &key, &usage) != 0; ++at) {
             if (!PyTuple_CheckExact(key) || PyTuple_GET_SIZE(key) != static_cast<Py_ssize_t>(key_parts) ||
                 !PyUnicode_CheckExact(PyTuple_GET_ITEM(key, 0))) {
                 return Answer::no;
             }
-            Tool* const tool = tool_named(PyTuple_GET_ITEM(key, 0));
-            if (tool == nullptr) {
-                return Answer::failed;
-            }
-            Entry& entry = entries_[static_cast<std::size_t>(at)];
+            Entry& entry = entries_[at];
             entry.key = Ref::borrow(key);
             entry.usage = Ref::borrow(usage);
-            (tool->last_entry == no_entry ? tool->first_entry
-                                          : entries_[static_cast<std::size_t>(tool->last_entry)].next) = at;
-            tool->last_entry = at;
+            if (!find_place(PyTuple_GET_ITEM(key, 0), entry.tool)) {
+                return Answer::failed;
+            }
         }
         return Answer::yes;
+    }
+
+    /// Makes the tools in the order of listing, and chains their entries; false for want of memory.
+    bool group()
+    {
+        Py_ssize_t position = 0;
+        PyObject* name = nullptr;
+        PyObject* state = nullptr;
+        Scratch<Tool>& tools = tools_.emplace(static_cast<std::size_t>(PyDict_GET_SIZE(places_.get())));
+        for (std::size_t place = 0; tools && PyDict_Next(places_.get(), &position, &name, nullptr) != 0;
+             ++place) {
+            tools[place].name = Ref::borrow(name);
+            tools[place].place = place;
+        }
+        position = 0;
+        for (std::size_t place = 0; tools && PyDict_Next(states_.get(), &position, nullptr, &state) != 0;
+             ++place) {
+            tools[place].state = Ref::borrow(state);  // they were listed first
+        }
+        for (std::size_t at = 0; tools && at < entries_.size(); ++at) {
+            Tool& tool = tools[entries_[at].tool];
+            (tool.last_entry == no_entry ? tool.first_entry : entries_[tool.last_entry].next) = at;
+            tool.last_entry = at;
+        }
+        return static_cast<bool>(tools);
     }
 
     Answer rank()
     {
         const ToolStateClass& records = originals(scope_).tool_state;
-        for (Tool& tool : tools_.first(tool_count_)) {
+        for (Tool& tool : *tools_) {
             if (!tool.state) {
                 Ref type;
                 const Answer found = scope_.find_global(names::tool_state, type);
@@ -278,7 +290,7 @@ private:
                 return Answer::no;
             }
         }
-        std::ranges::sort(tools_.first(tool_count_), &Tool::precedes);
+        std::ranges::sort(*tools_, &Tool::precedes);
         return Answer::yes;
     }
 
@@ -299,12 +311,11 @@ private:
             return usage ? rows_of(scope_, usage.get(), tool.name.get()) : Ref{};
         }
         const Ref rows = Ref::steal(PyList_New(0));
-        for (Py_ssize_t at = tool.first_entry; rows && at != no_entry;) {
-            const Entry& entry = entries_[static_cast<std::size_t>(at)];
+        for (std::size_t at = tool.first_entry; rows && at != no_entry; at = entries_[at].next) {
+            const Entry& entry = entries_[at];
             if (!add_row(scope_, tool.name.get(), entry.key.get(), entry.usage.get(), rows)) {
                 return {};
             }
-            at = entry.next;
         }
         return rows ? sorted_rows(scope_, rows) : Ref{};
     }
@@ -313,10 +324,9 @@ private:
     const Tracker& tracker_;
     Ref states_;
     Ref usage_;
-    Ref index_;  // tool name to its place among the tools
-    Scratch<Tool> tools_;
-    std::size_t tool_count_ = 0;
+    Ref places_;  // of the tools, by name, in the order of listing
     Scratch<Entry> entries_;
+    std::optional<Scratch<Tool>> tools_;
 };
 
 /// The summary, under the lock.

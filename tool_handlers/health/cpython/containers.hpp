@@ -6,7 +6,6 @@
 #include <array>
 #include <concepts>
 #include <new>
-#include <span>
 
 namespace cpython {
 
@@ -178,7 +177,7 @@ public:
     Element& operator[](std::size_t index) { return elements_[index]; }
     Element* begin() { return elements_; }
     Element* end() { return elements_ + size_; }
-    [[nodiscard]] std::span<Element> first(std::size_t count) { return {elements_, count}; }
+    [[nodiscard]] std::size_t size() const { return size_; }
 
 private:
     Element* elements_;
