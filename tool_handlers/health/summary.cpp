@@ -9,7 +9,6 @@
 #include "usage_rows.hpp"
 
 #include <algorithm>
-#include <optional>
 #include <tuple>
 
 namespace health {
@@ -161,14 +160,14 @@ class GroupedSummary {
 public:
     GroupedSummary(const Scope& scope, const Tracker& tracker, Ref states, Ref usage)
         : scope_{scope}, tracker_{tracker}, states_{std::move(states)}, usage_{std::move(usage)},
-          places_{Ref::steal(PyDict_New())}, entries_{static_cast<std::size_t>(PyDict_GET_SIZE(usage_.get()))}
+          places_{Ref::steal(PyDict_New())}
     {
     }
 
     /// Lists, groups and ranks. No when something is not plain; nothing foreign has run then, and nothing has changed.
     Answer prepare()
     {
-        if (!places_ || !entries_) {
+        if (!places_ || !entries_.allocate(static_cast<std::size_t>(PyDict_GET_SIZE(usage_.get())))) {
             return Answer::failed;
         }
         Answer listed = list_states();
@@ -183,7 +182,7 @@ public:
     Ref build()
     {
         Ref summary = Ref::steal(PyList_New(0));
-        for (const Tool& tool : *tools_) {
+        for (const Tool& tool : tools_) {
             if (!summary || !append(summary, make_record(scope_, tool.name.get(), tool.state.get(),
                                                          [&] { return usage_of(tool); }))) {
                 return {};
@@ -248,29 +247,29 @@ private:
         Py_ssize_t position = 0;
         PyObject* name = nullptr;
         PyObject* state = nullptr;
-        Scratch<Tool>& tools = tools_.emplace(static_cast<std::size_t>(PyDict_GET_SIZE(places_.get())));
-        for (std::size_t place = 0; tools && PyDict_Next(places_.get(), &position, &name, nullptr) != 0;
-             ++place) {
-            tools[place].name = Ref::borrow(name);
-            tools[place].place = place;
+        if (!tools_.allocate(static_cast<std::size_t>(PyDict_GET_SIZE(places_.get())))) {
+            return false;
+        }
+        for (std::size_t place = 0; PyDict_Next(places_.get(), &position, &name, nullptr) != 0; ++place) {
+            tools_[place].name = Ref::borrow(name);
+            tools_[place].place = place;
         }
         position = 0;
-        for (std::size_t place = 0; tools && PyDict_Next(states_.get(), &position, nullptr, &state) != 0;
-             ++place) {
-            tools[place].state = Ref::borrow(state);  // they were listed first
+        for (std::size_t place = 0; PyDict_Next(states_.get(), &position, nullptr, &state) != 0; ++place) {
+            tools_[place].state = Ref::borrow(state);  // they were listed first
         }
-        for (std::size_t at = 0; tools && at < entries_.size(); ++at) {
-            Tool& tool = tools[entries_[at].tool];
+        for (std::size_t at = 0; at < entries_.size(); ++at) {
+            Tool& tool = tools_[entries_[at].tool];
             (tool.last_entry == no_entry ? tool.first_entry : entries_[tool.last_entry].next) = at;
             tool.last_entry = at;
         }
-        return static_cast<bool>(tools);
+        return true;
     }
 
     Answer rank()
     {
         const ToolStateClass& records = originals(scope_).tool_state;
-        for (Tool& tool : *tools_) {
+        for (Tool& tool : tools_) {
             if (!tool.state) {
                 Ref type;
                 const Answer found = scope_.find_global(names::tool_state, type);
@@ -290,7 +289,7 @@ private:
                 return Answer::no;
             }
         }
-        std::ranges::sort(*tools_, &Tool::precedes);
+        std::ranges::sort(tools_, &Tool::precedes);
         return Answer::yes;
     }
 
@@ -326,7 +325,7 @@ private:
     Ref usage_;
     Ref places_;  // of the tools, by name, in the order of listing
     Scratch<Entry> entries_;
-    std::optional<Scratch<Tool>> tools_;
+    Scratch<Tool> tools_;
 };
 
 /// The summary, under the lock.

@@ -146,20 +146,24 @@ private:
     return one && PySet_Add(one.get(), key) == 0 && call_method(set, update, one.get());
 }
 
-/// Scratch memory for the time of a call: so many default-made elements, or none and a MemoryError.
+/// Scratch memory for the time of a call.
 template <class Element>
 class Scratch {
 public:
-    explicit Scratch(std::size_t size)
-        : elements_{static_cast<Element*>(PyMem_Calloc(size == 0 ? 1 : size, sizeof(Element)))},
-          size_{elements_ == nullptr ? 0 : size}
+    Scratch() = default;
+
+    /// So many default-made elements, once; false for none and a MemoryError.
+    [[nodiscard]] bool allocate(std::size_t size)
     {
+        elements_ = static_cast<Element*>(PyMem_Calloc(size == 0 ? 1 : size, sizeof(Element)));
         if (elements_ == nullptr) {
             PyErr_NoMemory();
+            return false;
         }
-        for (std::size_t i = 0; i < size_; ++i) {
-            new (&elements_[i]) Element{};
+        for (; size_ < size; ++size_) {
+            new (&elements_[size_]) Element{};
         }
+        return true;
     }
     ~Scratch()
     {
@@ -173,15 +177,14 @@ public:
     Scratch(Scratch&&) = delete;
     Scratch& operator=(Scratch&&) = delete;
 
-    explicit operator bool() const { return elements_ != nullptr; }
     Element& operator[](std::size_t index) { return elements_[index]; }
     Element* begin() { return elements_; }
     Element* end() { return elements_ + size_; }
     [[nodiscard]] std::size_t size() const { return size_; }
 
 private:
-    Element* elements_;
-    std::size_t size_;
+    Element* elements_ = nullptr;
+    std::size_t size_ = 0;
 };
 
 }  // namespace cpython
