@@ -46,10 +46,12 @@ class Client:
         self._next_id = 0
 
     def send(self, line: bytes) -> None:
+        assert self.process.stdin is not None
         self.process.stdin.write(line + b"\n")
         self.process.stdin.flush()
 
     def receive(self) -> dict[str, Any]:
+        assert self.process.stdout is not None
         line = self.process.stdout.readline()
         if not line:
             raise Unexpected("the server ended")
@@ -84,6 +86,7 @@ class Client:
 
     def close(self) -> int:
         """End the server by the end of its input, and answer its exit status."""
+        assert self.process.stdin is not None
         with self.process:
             self.process.stdin.close()
         return self.process.returncode
@@ -94,7 +97,7 @@ def main() -> None:
     if not directory.is_dir():
         sys.exit(f"no directory: {directory}")
     signal.alarm(120)  # a server that hangs must not hang the demo
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     with TemporaryDirectory() as scratch, Path(scratch, "server.log").open("w+") as log:
         try:
             _play(directory, Path(scratch), log)

@@ -2,7 +2,7 @@
 
 import os
 import sqlite3
-from collections.abc import Iterable, Iterator
+from collections.abc import Generator, Iterable
 from contextlib import closing, contextmanager
 from pathlib import Path
 from typing import Any
@@ -27,7 +27,7 @@ class Database:
         self._path = path.absolute()
 
     @contextmanager
-    def _transaction(self) -> Iterator[sqlite3.Connection]:
+    def _transaction(self) -> Generator[sqlite3.Connection]:
         uri = self._path.as_uri()
         if not os.access(self._path.parent, os.W_OK):
             uri += "?immutable=1"  # WAL mode needs files beside the database, unless it is only read

@@ -134,8 +134,9 @@ def resolve_call(tool: str, arguments: dict[str, Any]) -> ResolvedCall:
 
 def _checked(parameter: str, value: Any, rule: dict[str, Any]) -> Any:
     if rule["type"] == "integer" and isinstance(value, float) and value.is_integer():
-        value = int(value)  # 1.0 is an integer, to JSON Schema and where all numbers are doubles
-    expected = {"string": str, "integer": int}[rule["type"]]
+        # 1.0 is an integer, to JSON Schema and where all numbers are doubles.
+        return _checked(parameter, int(value), rule)
+    expected: type = {"string": str, "integer": int}[rule["type"]]
     if type(value) is not expected:  # so that true is no integer
         raise BadArguments(f"{parameter} must be of type {rule['type']}, not {short_repr(value)}.")
     if "enum" in rule and value not in rule["enum"]:
@@ -143,6 +144,6 @@ def _checked(parameter: str, value: Any, rule: dict[str, Any]) -> Any:
         raise BadArguments(f"{parameter} must be one of {allowed}, not {short_repr(value)}.")
     if "maximum" in rule and not rule["minimum"] <= value <= rule["maximum"]:
         raise BadArguments(f"{parameter} must be from {rule['minimum']} to {rule['maximum']}.")
-    if "maxLength" in rule and len(value) > rule["maxLength"]:
+    if isinstance(value, str) and len(value) > rule.get("maxLength", len(value)):
         raise BadArguments(f"{parameter} may be at most {rule['maxLength']} characters long.")
     return value

@@ -5,7 +5,7 @@ import json
 import logging
 from collections.abc import Callable
 from reprlib import repr as short_repr
-from typing import Any
+from typing import Any, cast
 
 from .. import __version__
 from ..tool_registry import TOOLS
@@ -72,28 +72,31 @@ class McpServer:
             answers = [_error(None, INVALID_REQUEST, too_long)]
         elif line.strip():
             try:
-                message = json.loads(line.decode(), parse_constant=_refuse_constant)
+                message: Any = json.loads(line.decode(), parse_constant=_refuse_constant)
             except (ValueError, RecursionError) as error:
                 answers = [_error(None, PARSE_ERROR, f"not a JSON text: {error}")]
             else:
-                is_batch = isinstance(message, list) and self._version == BATCH_VERSION
-                messages = message if is_batch and message else [message]
-                answers = await asyncio.gather(*map(self._answer, messages))
+                batch = cast("list[Any]", message) if isinstance(message, list) else []
+                is_batch = bool(batch) and self._version == BATCH_VERSION
+                each = map(self._answer, batch if is_batch else [message])
+                answers = await asyncio.gather(*each)
         told = [answer for answer in answers if answer is not None]
         if told:
-            self._write(json.dumps(told if is_batch and message else told[0]).encode())
+            self._write(json.dumps(told if is_batch else told[0]).encode())
 
-    async def _answer(self, message: Any) -> Message | None:
+    async def _answer(self, received: Any) -> Message | None:
         """The answer to one message, or None when there is to be none."""
-        if not isinstance(message, dict):
+        if not isinstance(received, dict):
             return _error(None, INVALID_REQUEST, "not a JSON object")
+        message = cast(Message, received)
         if "method" not in message and ("result" in message or "error" in message):
             return None  # an answer, though this server never asks
-        request_id = message.get("id")
+        request_id: Any = message.get("id")
         if "id" in message and type(request_id) not in (str, int):
             return _error(None, INVALID_REQUEST, "the id must be a string or an integer")
         try:
-            method, params = message.get("method"), message.get("params", {})
+            method: Any = message.get("method")
+            params: Any = message.get("params", {})
             well_formed = isinstance(method, str) and isinstance(params, dict | list)
             if message.get("jsonrpc") != "2.0" or not well_formed:
                 raise ProtocolError(INVALID_REQUEST, "not a JSON-RPC 2.0 request")
@@ -101,12 +104,13 @@ class McpServer:
                 return self._take_notification(method, params)
             if method != "tools/call" and method not in self._methods:
                 raise ProtocolError(METHOD_NOT_FOUND, f"no method {short_repr(method)}")
-            if isinstance(params, list):
+            if not isinstance(params, dict):
                 raise ProtocolError(INVALID_PARAMS, "params must be an object")
+            given = cast(Message, params)
             if method == "tools/call":
-                result = await self._call_tool(request_id, params)
+                result = await self._call_tool(request_id, given)
             else:
-                result = self._methods[method](params)
+                result = self._methods[method](given)
             return {"jsonrpc": "2.0", "id": request_id, "result": result}
         except ProtocolError as error:
             return _error(request_id, error.code, str(error))
@@ -116,8 +120,8 @@ class McpServer:
             logger.exception("Could not answer a request")
             return _error(request_id, INTERNAL_ERROR, f"internal error: {type(error).__name__}")
 
-    def _take_notification(self, method: str, params: Message | list[Any]) -> None:
-        asked = params.get("requestId") if isinstance(params, dict) else None
+    def _take_notification(self, method: str, params: Any) -> None:
+        asked: Any = cast(Message, params).get("requestId") if isinstance(params, dict) else None
         if method == "notifications/cancelled" and type(asked) in (str, int):
             call = self._calls.get(asked)
             if call is not None:
@@ -149,7 +153,8 @@ class McpServer:
         return {"tools": tools}
 
     async def _call_tool(self, request_id: str | int, params: Message) -> Message:
-        name, arguments = params.get("name"), params.get("arguments", {})
+        name: Any = params.get("name")
+        arguments: Any = params.get("arguments", {})
         if not isinstance(name, str) or not isinstance(arguments, dict):
             raise ProtocolError(INVALID_PARAMS, "name must be a string and arguments an object")
         tool = TOOLS.get(name)
@@ -161,7 +166,8 @@ class McpServer:
         assert task is not None
         self._calls[request_id] = task
         try:
-            outcome, content = await self._pipeline.call(tool.name, arguments)
+            given = cast(Message, arguments)
+            outcome, content = await self._pipeline.call(tool.name, given)
         finally:
             del self._calls[request_id]
         text = valid_unicode(content if isinstance(content, str) else json.dumps(content))

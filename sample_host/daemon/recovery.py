@@ -1,6 +1,6 @@
 """After a cooldown one call goes first."""
 
-from collections.abc import Iterator
+from collections.abc import Generator
 from contextlib import contextmanager
 
 from ..tool_handlers.health import ToolHealthTracker
@@ -28,7 +28,7 @@ class Recovery:
         self._probed: set[str] = set()  # of those, the ones that a call is trying now
 
     @contextmanager
-    def admit(self, tool: str) -> Iterator[Admission]:
+    def admit(self, tool: str) -> Generator[Admission]:
         """A block that is the call. Raises Refused for one that is not let in."""
         disabled, last_error = self._tracker.is_disabled(tool)
         if disabled:

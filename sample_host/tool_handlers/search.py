@@ -64,12 +64,12 @@ def _matching_files(root: Path, pattern: str, deadline: Deadline,
 # Whether a path matches a glob, part by part; ** stands for any number of directories. In steps that are
 # counted beforehand, unlike a regular expression for the whole.
 def _matches(parts: tuple[str, ...], wanted: list[str]) -> bool:
-    reached = {0}
+    reached: set[int] = {0}
     for pattern in wanted:
         if not reached:
             return False
         if pattern == "**":
-            reached = set(range(min(reached), len(parts) + 1))
+            reached = {*range(min(reached), len(parts) + 1)}
         else:
             here = {at for at in reached if at < len(parts) and fnmatchcase(parts[at], pattern)}
             reached = {at + 1 for at in here}
