@@ -2,9 +2,10 @@
 
     script/bench [--quick] [--json FILE] [--svg FILE]
 
-Every time in the table is the median over paired rounds, and the ratio the median of the rounds' own ratios; the
-picture's summary curve takes the best of a few runs. What a round times is a loop as a host would write it, loop
-included. The file names of the modules come in HEALTH_MODULE and FLOOR_MODULE.
+Every time in the table is the median over paired rounds, and the ratio the median of the rounds'
+own ratios; the picture's summary curve takes the best of a few runs. What a round times is a loop
+as a host would write it, loop included. The file names of the modules come in HEALTH_MODULE and
+FLOOR_MODULE.
 """
 
 import argparse

@@ -1,7 +1,9 @@
-"""The sample host as its client sees it, over stdio, while its database is free and while it is locked.
+"""The sample host as its client sees it, over stdio, while its database is free and while it is
+locked.
 
-Beside it the same daemon whose tracker writes every report through to the database (write_through.py). And how
-late an event loop is at worst while another thread asks for a large summary, or flushes a large history.
+Beside it the same daemon whose tracker writes every report through to the database
+(write_through.py). And how late an event loop is at worst while another thread asks for a large
+summary, or flushes a large history.
 """
 
 import asyncio
@@ -36,8 +38,12 @@ class Daemon(Client):
         (directory / "file").write_text("text\n")
         command = ["-m", program, "--repo", directory, "--db", directory / "db"]
         self.process = subprocess.Popen(
-            [sys.executable, *command], cwd=CHECKOUT, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL)
+            [sys.executable, *command],
+            cwd=CHECKOUT,
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+        )
         self._next_id = 0
 
 
@@ -47,17 +53,20 @@ def lock_of(database, wanted):
     if not wanted:
         yield
         return
-    with subprocess.Popen([sys.executable, "-c", LOCK, database], stdin=subprocess.PIPE,
-                          stdout=subprocess.PIPE) as other:
+    with subprocess.Popen(
+        [sys.executable, "-c", LOCK, database], stdin=subprocess.PIPE, stdout=subprocess.PIPE
+    ) as other:
         other.stdout.readline()
         yield
         other.stdin.close()
 
 
 def calls_answered(program, locked, seconds):
-    """How many calls were answered in so many seconds, their 99th percentile and the slowest, in seconds.
+    """How many calls were answered in so many seconds, their 99th percentile and the slowest, in
+    seconds.
 
-    Calls that are still waiting a while after that are given up, and count with the time that they waited.
+    Calls that are still waiting a while after that are given up, and count with the time that they
+    waited.
     """
     took, patience = [], seconds / 2
     with tempfile.TemporaryDirectory() as scratch:
@@ -80,7 +89,9 @@ def calls_answered(program, locked, seconds):
 
 
 async def lateness(work):
-    """How late, in seconds, a loop that wants to run every millisecond is at worst while a thread works."""
+    """How late, in seconds, a loop that wants to run every millisecond is at worst while a thread
+    works.
+    """
     worst, running = 0.0, asyncio.create_task(asyncio.to_thread(work))
     while not running.done():
         due = time.perf_counter() + 0.001
@@ -90,17 +101,24 @@ async def lateness(work):
 
 
 def measure(quick, tracker):
-    """Prints and returns the rows: (name, locked, calls, 99th percentile, slowest), and the lateness of a loop."""
+    """Prints and returns the rows: (name, locked, calls, 99th percentile, slowest), and the
+    lateness of a loop.
+    """
     seconds, rows = 0.3 if quick else 8, []
-    print(f"\n{'over stdio, 16 calls in flight for 8 s':44} {'calls':>10} {'99 %':>10} {'slowest':>10}")
-    for name, program in (("the daemon", "sample_host"), ("written through", "bench.write_through")):
+    title = f"over stdio, {IN_FLIGHT} calls in flight for {seconds} s"
+    print(f"\n{title:44} {'calls':>10} {'99 %':>10} {'slowest':>10}")
+    programs = {"the daemon": "sample_host", "written through": "bench.write_through"}
+    for name, program in programs.items():
         for locked in (False, True):
             calls, percentile, slowest = calls_answered(program, locked, seconds)
             title = f"{name}, database {'locked' if locked else 'free'}"
-            print(f"{title:44} {calls:10} {percentile * 1e3:7.1f} ms {slowest * 1e3:7.1f} ms", flush=True)
+            times = f"{percentile * 1e3:7.1f} ms {slowest * 1e3:7.1f} ms"
+            print(f"{title:44} {calls:10} {times}", flush=True)
             rows.append((title, calls, percentile, slowest))
-    late = {"a summary": asyncio.run(lateness(tracker.get_health_summary)),
-            "a flush": asyncio.run(lateness(tracker.flush))}
+    late = {
+        "a summary": asyncio.run(lateness(tracker.get_health_summary)),
+        "a flush": asyncio.run(lateness(tracker.flush)),
+    }
     for name, worst in late.items():
         print(f"{'event loop late by, during ' + name + ' of 1,000 x 5':44} {worst * 1e3:18.1f} ms")
     return rows, late

@@ -1,4 +1,5 @@
-"""The same operations in plain Python: what the benchmark measures against and what the tests compare with.
+"""The same operations in plain Python: what the benchmark measures against and what the tests
+compare with.
 
 Loaded under the name ``<host package>.tool_handlers.health``, in the place of the extension module.
 """

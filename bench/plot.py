@@ -1,4 +1,6 @@
-"""The benchmark's picture: cost per call beside plain Python, and the summary's cost as tools grow. Plain SVG."""
+"""The benchmark's picture: cost per call beside plain Python, and the summary's cost as tools grow.
+Plain SVG.
+"""
 
 from math import log10
 
@@ -65,8 +67,8 @@ def _served(rows, top):
 def draw(path, rows, points, served):
     """Writes the picture.
 
-    `rows` are (name, plain seconds, module seconds, ratio), `points` (tools, plain, module), and `served` (name,
-    calls, 99th percentile, slowest).
+    `rows` are (name, plain seconds, module seconds, ratio), `points` (tools, plain, module), and
+    `served` (name, calls, 99th percentile, slowest).
     """
     top, height = 60, 220
     calls = top + len(served) * 28 + 50

@@ -7,7 +7,9 @@ from sample_host import __main__ as daemon
 
 
 class WriteThrough(daemon.ToolHealthTracker):
-    """Flushes after every report, on the thread that makes it; where the database is locked, in vain."""
+    """Flushes after every report, on the thread that makes it; where the database is locked, in
+    vain.
+    """
 
     def _write(self):
         with contextlib.suppress(sqlite3.OperationalError):

@@ -3,11 +3,11 @@
 import argparse
 import asyncio
 import logging
+import math
 import os
 import platform
 import signal
 import sys
-import threading
 from concurrent.futures import ThreadPoolExecutor
 from functools import partial
 from pathlib import Path
@@ -22,8 +22,7 @@ except ModuleNotFoundError as error:
         raise
     there = ", ".join(file.name for file in Path(__file__).parent.glob("tool_handlers/health.*.so"))
     this = f"{sys.executable} (Python {platform.python_version()})"
-    sys.exit(f"{error.name} is not built for {this}; built there is: {there or 'nothing'}."
-             " script/bootstrap builds it; README.md says which interpreter to start.")
+    sys.exit(f"{error.name} is not built for {this}; built there is: {there or 'nothing'}.")
 
 from .daemon.health_saver import HealthSaver
 from .daemon.mcp_server import McpServer
@@ -61,9 +60,8 @@ async def _serve(options: argparse.Namespace) -> int:
     saving = asyncio.create_task(saver.run(options.flush_every))
     lines = Lines(sys.stdin.fileno(), sys.stdout.fileno(), the_end.set)
     server = McpServer(pipeline, lines.answer)
-    serving = asyncio.create_task(_receive_all(lines, server))
-    ending = asyncio.create_task(the_end.wait())
-    await asyncio.wait([serving, ending], return_when=asyncio.FIRST_COMPLETED)
+    serving = asyncio.create_task(_receive_all(lines, server, the_end))
+    await the_end.wait()
     serving.cancel()
     await server.finish(GRACE_S)
     saving.cancel()
@@ -74,9 +72,10 @@ async def _serve(options: argparse.Namespace) -> int:
     return 0 if is_saved else 1
 
 
-async def _receive_all(lines: Lines, server: McpServer) -> None:
+async def _receive_all(lines: Lines, server: McpServer, the_end: asyncio.Event) -> None:
     async for line in lines:
         server.receive(line)
+    the_end.set()
 
 
 def _parse_options() -> argparse.Namespace:
@@ -109,11 +108,9 @@ def _database(text: str) -> Path:
 
 
 def _seconds(text: str) -> float:
-    seconds = float(text)
-    if not 0 < seconds <= threading.TIMEOUT_MAX:
-        limit = f"must be more than 0 and at most {threading.TIMEOUT_MAX:g}"
-        raise argparse.ArgumentTypeError(limit)
-    return seconds
+    if not 0 < float(text) < math.inf:
+        raise argparse.ArgumentTypeError("must be more than 0")
+    return float(text)
 
 
 if __name__ == "__main__":

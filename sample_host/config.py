@@ -10,7 +10,8 @@ GRACE_S = 2.0  # what running calls are given to end when the server is to end
 THREAD_BUDGET = 1 + 2 + WORKERS + 1 + 1
 
 
-# The ``tools`` section. The tracker reads both at every use: a change takes effect at the next call.
+# The ``tools`` section. The tracker reads both at every use: a change takes effect at the next
+# call.
 @dataclass
 class ToolsConfig:
     disable_after_errors: int = 3  # so many failures in a row disable a tool

@@ -18,8 +18,8 @@ _SCHEMA = (
 )
 
 
-# Every call opens a connection of its own and is one transaction, durable when the call returns. So threads
-# share nothing, and a file that was locked or missing at one call may be fine at the next.
+# Every call opens a connection of its own and is one transaction, durable when the call returns. So
+# threads share nothing, and a file that was locked or missing at one call may be fine at the next.
 class Database:
     """An SQLite file in WAL mode, for any number of threads. All calls block."""
 
@@ -30,7 +30,7 @@ class Database:
     def _transaction(self) -> Generator[sqlite3.Connection]:
         uri = self._path.as_uri()
         if not os.access(self._path.parent, os.W_OK):
-            uri += "?immutable=1"  # WAL mode needs files beside the database, unless it is only read
+            uri += "?immutable=1"  # WAL mode needs files beside the database to write
         db = sqlite3.connect(uri, timeout=BUSY_TIMEOUT_S, isolation_level="IMMEDIATE", uri=True)
         with closing(db):
             db.execute("PRAGMA journal_mode = WAL")

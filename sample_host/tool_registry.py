@@ -27,15 +27,15 @@ _TOOLS = (
     Tool(
         "search",
         "Search the repository",
-        "Search the repository: action 'text' finds the lines that contain a text (upper and lower case"
-        " are the same when it is all lower case), action 'files' the files whose path matches a glob"
-        " (one without a slash is matched in every directory). Left out are .git, .venv, node_modules,"
+        "Search the repository: action 'text' finds the lines that contain a text (case matters"
+        " unless it is all lower case), action 'files' the files whose path matches a glob (one"
+        " without a slash is matched in every directory). Left out are .git, .venv, node_modules,"
         " __pycache__ and symbolic links, and for 'text' binary files and files over 4 MiB.",
         (Action("text", slow=True), Action("files")),
     ),
-    Tool("read_file", "Read a file", "Read lines of a text file of the repository, at most 4 MiB large."),
+    Tool("read_file", "Read a file", "Read lines of one of the text files, at most 4 MiB large."),
     Tool("status", "Health of the tools", "Health and usage of every tool; threads of the server."),
-    Tool("get_tool_performance_stats", "Times of the tools", "How long the tools took since the start."),
+    Tool("get_tool_performance_stats", "Times of the tools", "How long the tools took so far."),
 )
 
 TOOLS: Mapping[str, Tool] = MappingProxyType({tool.name: tool for tool in _TOOLS})

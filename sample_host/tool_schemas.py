@@ -57,35 +57,15 @@ INPUT_SCHEMAS: dict[str, dict[str, Any]] = {
 
 
 
-# JSON Schema of data of a shape: names of types, lists of one shape, and objects. A key of an object that
-# ends in "?" may be missing, and one that is "*" stands for any.
-def _answer_schema(shape: Any) -> dict[str, Any]:
-    if isinstance(shape, list):
-        return {"type": "array", "items": _answer_schema(shape[0])}
-    if isinstance(shape, str):
-        return {"type": shape.split() if " " in shape else shape}
-    if "*" in shape:
-        return {"type": "object", "additionalProperties": _answer_schema(shape["*"])}
-    properties = {name.rstrip("?"): _answer_schema(value) for name, value in shape.items()}
-    required = [name for name in shape if not name.endswith("?")]
-    return {"type": "object", "properties": properties, "required": required}
+def _output_schema(**types: str) -> dict[str, Any]:
+    properties = {name: {"type": type_name} for name, type_name in types.items()}
+    return {"type": "object", "properties": properties, "required": list(types)}
 
 
-_USAGE_ROW = dict(action="string null", outcome="string", alias_hit="boolean", calls="integer",
-                  avg_ms="number null", slow="boolean")
-_RECORD = dict(tool_name="string", call_count="integer", error_count="integer",
-               last_error="string null", disabled="boolean", disabled_at="string null",
-               updated_at="string", usage=[_USAGE_ROW])
-_THREADS = {"os?": "integer", "python": "integer", "python_by_name": {"*": "integer"},
-            "budget": "integer", "warning?": "string"}
-_STATUS = {"perf_stats": [_RECORD], "has_unsaved_changes": "boolean", "threads": _THREADS}
-_TIMES = {name: "number" for name in ("avg_ms", "p95_ms", "min_ms", "max_ms")}
-
-# The answers of the tools that answer with data: just what the health module returns.
+# The tools that answer with data: what the health module returns (health.pyi has its types).
 OUTPUT_SCHEMAS: dict[str, dict[str, Any]] = {
-    "status": _answer_schema(_STATUS),
-    "get_tool_performance_stats": _answer_schema(
-        {"tools": [{"name": "string", "count": "integer", **_TIMES, "errors": "integer"}]}),
+    "status": _output_schema(perf_stats="array", has_unsaved_changes="boolean", threads="object"),
+    "get_tool_performance_stats": _output_schema(tools="array"),
 }
 
 PARAMETER_SYNONYMS = {

@@ -1,6 +1,8 @@
-"""Throw-away host packages, each with its own copy of the module under test, and the services around it.
+"""Throw-away host packages, each with its own copy of the module under test, and the services
+around it.
 
-Needs nothing but the standard library and no test framework: child processes and the benchmark use it too.
+Needs nothing but the standard library and no test framework: child processes and the benchmark use
+it too.
 """
 
 import dataclasses
@@ -54,14 +56,17 @@ class Clock:
 
 
 class LockHeld(BaseException):
-    """The tracker waited for its database with its lock held. No handler of ``Exception`` swallows it."""
+    """The tracker waited for its database with its lock held. No handler of ``Exception`` swallows
+    it.
+    """
 
 
 class Database:
     """SQLite behind the methods that a tracker calls; ``calls`` keeps every call in order.
 
-    ``answers`` says by method what a call does: an exception is raised, a callable is called, and anything
-    else is the result. The call whose number is ``fail_at``, counted from 1, raises sqlite3.OperationalError.
+    ``answers`` says by method what a call does: an exception is raised, a callable is called, and
+    anything else is the result. The call whose number is ``fail_at``, counted from 1, raises
+    sqlite3.OperationalError.
     """
 
     def __init__(self, path=":memory:"):
@@ -89,7 +94,8 @@ class Database:
 
 
 class Host(logging.Handler):
-    """A host package in sys.modules, and in ``health`` its copy of the module, until the ``with`` block ends.
+    """A host package in sys.modules, and in ``health`` its copy of the module, until the ``with``
+    block ends.
 
     ``warnings`` collects what the module logs, as (format, arguments).
     """
@@ -127,7 +133,8 @@ class Host(logging.Handler):
             setattr(sys.modules[parent], child, module)
 
     def load(self, enter=True):
-        """Import the module the way the import machinery does, or as a harness that does not enter it in sys.modules.
+        """Import the module the way the import machinery does, or as a harness that does not enter
+        it in sys.modules.
 
         A second time gives a second copy.
         """
@@ -171,7 +178,9 @@ class Host(logging.Handler):
 
 
 def typed(value):
-    """A value as plain data by which two copies of the module can be compared: 1, True and 1.0 differ."""
+    """A value as plain data by which two copies of the module can be compared: 1, True and 1.0
+    differ.
+    """
     kind = type(value).__name__
     if isinstance(value, dict):
         return kind, [(typed(key), typed(item)) for key, item in value.items()]

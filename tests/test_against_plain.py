@@ -1,4 +1,6 @@
-"""Random operations, with hostile values now and then, on the module and on its twin: no step may differ."""
+"""Random operations, with hostile values now and then, on the module and on its twin: no step may
+differ.
+"""
 
 import json
 import os
@@ -73,7 +75,9 @@ def sequence(seed):
 
 
 def trace(implementation, steps):
-    """After each step: what it came to, the tracker's state, database calls, warnings, clock readings."""
+    """After each step: what it came to, the tracker's state, database calls, warnings, clock
+    readings.
+    """
     with hosts.Host("fuzz", implementation) as host:
         def restart(rows=None, document=None):
             db.answers = sqlite | ({"fetchall": rows, "fetchone": document} if document else {})

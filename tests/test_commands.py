@@ -1,8 +1,9 @@
 """The commands that a newcomer types first, where something is missing or wrong.
 
-Each runs on a PATH that holds only what the test puts there: links to a few tools, and interpreters that are small
-shell scripts. For example, with a `python3.13` that answers as version 3.12.1 `script/bootstrap` has to name that
-path and that version, and the option that names another interpreter.
+Each runs on a PATH that holds only what the test puts there: links to a few tools, and interpreters
+that are small shell scripts. For example, with a `python3.13` that answers as version 3.12.1
+`script/bootstrap` has to name that path and that version, and the option that names another
+interpreter.
 """
 
 import os
@@ -20,7 +21,9 @@ import sample_host
 from . import hosts
 
 TOOLS = "bash basename cat command dirname env g++ id make pwd rm sed sh uname".split()
-SCRIPTS = [script for script in hosts.CHECKOUT.joinpath("script").iterdir() if script.suffix != ".sh"]
+SCRIPTS = [
+    script for script in hosts.CHECKOUT.joinpath("script").iterdir() if script.suffix != ".sh"
+]
 
 
 def answering(version, header):
@@ -30,7 +33,9 @@ def answering(version, header):
 
 class Commands(unittest.TestCase):
     def setUp(self):
-        self.directory = Path(self.enterContext(tempfile.TemporaryDirectory(prefix="with a space ")))
+        self.directory = Path(
+            self.enterContext(tempfile.TemporaryDirectory(prefix="with a space "))
+        )
         self.checkout, self.path = self.directory / "check out", self.directory / "bin"
         left_out = shutil.ignore_patterns("build", ".git", "__pycache__", "*.so")
         shutil.copytree(hosts.CHECKOUT, self.checkout, ignore=left_out)
@@ -46,19 +51,35 @@ class Commands(unittest.TestCase):
 
     def run_script(self, *words):
         environment = {"PATH": str(self.path), "HOME": str(self.directory)}
-        return subprocess.run(words, cwd=self.checkout, env=environment, capture_output=True, text=True)
+        return subprocess.run(
+            words, cwd=self.checkout, env=environment, capture_output=True, text=True
+        )
 
     def test_why_an_interpreter_will_not_do(self):
         header = sysconfig.get_path("include") + "/Python.h"
         good, no_header = answering("3.13.5", header), answering("3.13.5", "/nowhere/Python.h")
         for case, interpreters, words in (
             ("none", {}, "python3.13 is not on the PATH"),
-            ("another version", {"python3.13": answering("3.12.1", header)}, "bin/python3.13 is Python 3.12.1"),
-            ("no headers", {"python3.13": no_header}, "its headers are missing (/nowhere/Python.h)"),
-            ("its library is missing", {"python3.13": "echo libpython3.13.so.1.0: cannot open; exit 127"},
-             "bin/python3.13 does not start: libpython3.13.so.1.0: cannot open"),
-            ("a launcher without one", {"python3.13": "echo 'command not found: python3.13' >&2; exit 127"},
-             "does not start: command not found: python3.13"),
+            (
+                "another version",
+                {"python3.13": answering("3.12.1", header)},
+                "bin/python3.13 is Python 3.12.1",
+            ),
+            (
+                "no headers",
+                {"python3.13": no_header},
+                "its headers are missing (/nowhere/Python.h)",
+            ),
+            (
+                "its library is missing",
+                {"python3.13": "echo libpython3.13.so.1.0: cannot open; exit 127"},
+                "bin/python3.13 does not start: libpython3.13.so.1.0: cannot open",
+            ),
+            (
+                "a launcher without one",
+                {"python3.13": "echo 'command not found: python3.13' >&2; exit 127"},
+                "does not start: command not found: python3.13",
+            ),
             ("under another name", {"python3": "echo 3.13.5"}, "bin/python3 is Python 3.13.5"),
         ):
             with self.subTest(case):
@@ -71,7 +92,9 @@ class Commands(unittest.TestCase):
                 for name in interpreters:
                     (self.path / name).unlink()
         self.add("python3.13", good)
-        self.assertIn("cmake was asked: --preset release", self.run_script("script/bootstrap").stderr)
+        self.assertIn(
+            "cmake was asked: --preset release", self.run_script("script/bootstrap").stderr
+        )
 
     def test_distribution_without_python(self):
         self.add("id", "echo 0")
@@ -86,7 +109,10 @@ class Commands(unittest.TestCase):
         cache = self.checkout / "build" / "release" / "CMakeCache.txt"
         cache.parent.mkdir(parents=True)
         cache.write_text("CMAKE_HOME_DIRECTORY:INTERNAL=/an/older/place\n")
-        self.assertIn("was made for the checkout in /an/older/place", self.run_script("script/bootstrap").stdout)
+        self.assertIn(
+            "was made for the checkout in /an/older/place",
+            self.run_script("script/bootstrap").stdout,
+        )
         self.assertFalse(cache.exists())
 
     def test_help_and_wrong_words(self):
@@ -100,13 +126,23 @@ class Commands(unittest.TestCase):
                     self.assertEqual((ended.returncode, ended.stdout), (2, ""))
 
     def test_one_version(self):
-        files = {name: hosts.CHECKOUT.joinpath(name).read_text() for name in ("CMakeLists.txt", "CHANGELOG.md")}
-        self.assertEqual(re.search(r"project\(health VERSION ([\d.]+)", files["CMakeLists.txt"])[1],
-                         sample_host.__version__)
-        self.assertEqual(re.search(r"## \[([\d.]+)", files["CHANGELOG.md"])[1], sample_host.__version__)
+        files = {
+            name: hosts.CHECKOUT.joinpath(name).read_text()
+            for name in ("CMakeLists.txt", "CHANGELOG.md")
+        }
+        self.assertEqual(
+            re.search(r"project\(health VERSION ([\d.]+)", files["CMakeLists.txt"])[1],
+            sample_host.__version__,
+        )
+        self.assertEqual(
+            re.search(r"## \[([\d.]+)", files["CHANGELOG.md"])[1], sample_host.__version__
+        )
 
 
-@unittest.skipIf("ASAN_OPTIONS" in os.environ or hasattr(sys, "gettotalrefcount"), "once is enough: in the release")
+@unittest.skipIf(
+    "ASAN_OPTIONS" in os.environ or hasattr(sys, "gettotalrefcount"),
+    "once is enough: in the release",
+)
 class Wheel(unittest.TestCase):
     HOST = """
         cmake_minimum_required(VERSION 3.25)
@@ -119,17 +155,28 @@ class Wheel(unittest.TestCase):
     """
 
     def test_host_that_adds_the_directory(self):
-        """As a build backend does it: another project adds this one, names the interpreter, installs a component."""
+        """As a build backend does it: another project adds this one, names the interpreter,
+        installs a component.
+        """
         directory = Path(self.enterContext(tempfile.TemporaryDirectory(prefix="a host ")))
         (directory / "CMakeLists.txt").write_text(self.HOST.format(checkout=hosts.CHECKOUT))
         for words in (
             ("-S", directory, "-B", directory / "build", f"-DPython_EXECUTABLE={sys.executable}"),
             ("--build", directory / "build", "--parallel", "2"),
-            ("--install", directory / "build", "--component", "health", "--prefix", directory / "myhost"),
+            (
+                "--install",
+                directory / "build",
+                "--component",
+                "health",
+                "--prefix",
+                directory / "myhost",
+            ),
         ):
             ended = subprocess.run(["cmake", *words], capture_output=True, text=True)
             self.assertEqual(ended.returncode, 0, ended.stdout + ended.stderr)
-        installed = sorted(file.name for file in directory.joinpath("myhost").rglob("*") if file.is_file())
+        installed = sorted(
+            file.name for file in directory.joinpath("myhost").rglob("*") if file.is_file()
+        )
         module = f"health{sysconfig.get_config_var('EXT_SUFFIX')}"
         self.assertEqual(installed, sorted([module, "health.pyi"]))
         with hosts.Host("wheel", str(directory / "myhost" / "tool_handlers" / module)) as host:

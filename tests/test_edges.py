@@ -1,8 +1,8 @@
 """The edges: what the module is not promised to follow, and what once crashed or lost an error.
 
-Outside the line that docs/integration.md draws ("Where it is not like Python code") an answer may differ from plain
-Python's. But nothing crashes, no error is lost, and the lock is free. For example, an operation whose code object was
-exchanged no longer runs the module's body:
+Outside the line that docs/integration.md draws ("Where it is not like Python code") an answer may
+differ from plain Python's. But nothing crashes, no error is lost, and the lock is free. For
+example, an operation whose code object was exchanged no longer runs the module's body:
 
     ToolHealthTracker.is_disabled.__code__ = ToolHealthTracker.flush.__code__
     tracker.is_disabled("a")    # AssertionError or TypeError, never memory that is not the call's
@@ -29,8 +29,15 @@ from . import HealthCase, children, hosts
 from .test_memory import plain_class
 
 GOOD_ROW = ("a", 3, 1, "boom", None, "2023-11-14 22:13:20")
-GOOD_ENTRY = {"tool": "a", "action": "text", "outcome": "ok", "alias_hit": False, "calls": 2, "timed_calls": 1,
-              "total_ms": 2.5}
+GOOD_ENTRY = {
+    "tool": "a",
+    "action": "text",
+    "outcome": "ok",
+    "alias_hit": False,
+    "calls": 2,
+    "timed_calls": 1,
+    "total_ms": 2.5,
+}
 HISTORIES = {  # rows of the table, and entries of the usage document
     "good": ([GOOD_ROW] * 3, [GOOD_ENTRY]),
     "bad row": ([("a", "x", 1, None, None, None)], []),
@@ -39,12 +46,17 @@ HISTORIES = {  # rows of the table, and entries of the usage document
 
 
 def construct_without_memory():
-    """Constructs trackers while allocations fail: one after the other, and in bursts. Prints what is odd."""
+    """Constructs trackers while allocations fail: one after the other, and in bursts. Prints what
+    is odd.
+    """
     import _testcapi
+
     with hosts.Host("starved") as host:
         host.health.logger.disabled = True
         for history, (rows, entries) in HISTORIES.items():
-            database = types.SimpleNamespace(fetchall=lambda sql: rows, fetchone=lambda *_: ("document",))
+            database = types.SimpleNamespace(
+                fetchall=lambda sql: rows, fetchone=lambda *_: ("document",)
+            )
             repository = types.SimpleNamespace(db=database)
             # Not the real one: CPython 3.13.0 crashes in its own decoder when it has no memory.
             host.health.json = types.SimpleNamespace(loads=lambda text: entries)
@@ -55,7 +67,9 @@ def construct_without_memory():
                 except (MemoryError, ValueError):
                     pass
                 except BaseException as error:
-                    if str(error) != "can't allocate lock":  # the interpreter's own words for no memory
+                    if (
+                        str(error) != "can't allocate lock"
+                    ):  # the interpreter's own words for no memory
                         print(history, burst, first, repr(error))
                 finally:
                     _testcapi.remove_mem_hooks()
@@ -63,9 +77,12 @@ def construct_without_memory():
 
 
 def import_once(host, first):
-    """Executes a module that does not say which file it is from; its allocation number ``first`` fails."""
+    """Executes a module that does not say which file it is from; its allocation number ``first``
+    fails.
+    """
     import _imp
     import _testcapi
+
     copy = _imp.create_dynamic(host.health.__spec__)
     vars(copy).pop("__file__", None)
     _testcapi.set_nomemory(first, first + 1)
@@ -82,11 +99,15 @@ def import_once(host, first):
 
 
 def import_without_memory():
-    """Imports, each in a process of its own, in which a later allocation fails every time. Prints what is odd."""
+    """Imports, each in a process of its own, in which a later allocation fails every time. Prints
+    what is odd.
+    """
     crashes, imported = 0, 0
     faulthandler.disable()
     with hosts.Host("starved") as host:
-        dataclasses.dataclass = plain_class  # the real one crashes CPython 3.13.0 when it has no memory
+        dataclasses.dataclass = (
+            plain_class  # the real one crashes CPython 3.13.0 when it has no memory
+        )
         for first in itertools.count():
             reading, writing = os.pipe()
             if not (child := os.fork()):
@@ -106,7 +127,9 @@ def import_without_memory():
         print(crashes, "crashes")
 
 
-@unittest.skipIf(hasattr(sys, "gettotalrefcount"), "a debug interpreter aborts in its own code without memory")
+@unittest.skipIf(
+    hasattr(sys, "gettotalrefcount"), "a debug interpreter aborts in its own code without memory"
+)
 class NoMemory(unittest.TestCase):
     def test_construction(self):
         children.check(self, "from tests import test_edges; test_edges.construct_without_memory()")
@@ -121,7 +144,13 @@ class OutsideTheLine(HealthCase):
         cls, tracker = self.health.ToolHealthTracker, self.host.tracker()
         operation = cls.record_call
         own = operation.__code__
-        call = {"tool_name": "a", "action": None, "outcome": "ok", "alias_hit": True, "duration_ms": None}
+        call = {
+            "tool_name": "a",
+            "action": None,
+            "outcome": "ok",
+            "alias_hit": True,
+            "duration_ms": None,
+        }
         for code in (
             own.replace(co_varnames=own.co_varnames[:5], co_nlocals=5, co_kwonlyargcount=1),
             own.replace(co_varnames=(*own.co_varnames, "more"), co_nlocals=7, co_kwonlyargcount=3),
@@ -135,7 +164,10 @@ class OutsideTheLine(HealthCase):
                 ((tracker, "a", None, "ok"), {"alias_hit": True}),
                 ((tracker, "a", None, "ok"), {"alias_hit": True, "duration_ms": None}),
                 ((tracker, "a", None, "ok"), {"alias_hit": True, "duration_ms": None, "more": 1}),
-                ((tracker,), call), ((tracker, "a", "b"), {}), ((tracker,), {}), ((), {}),
+                ((tracker,), call),
+                ((tracker, "a", "b"), {}),
+                ((tracker,), {}),
+                ((), {}),
             ):
                 hosts.outcome(operation, *args, **named)
                 self.assertFalse(tracker._lock.locked())
@@ -152,11 +184,17 @@ class OutsideTheLine(HealthCase):
 
     def test_entries_exchanged_during_a_summary(self):
         """A summary lists the tools and rows of the instant at which it took the lock."""
+
         def exchange(tracker):
             usage = tracker._usage
-            return (usage.clear, lambda: usage.update([usage.popitem()]), usage.popitem,
-                    lambda: usage.update({("new", None, "ok", False): self.health._Usage(1)}),
-                    tracker._state.clear, lambda: usage.update(dict.fromkeys(usage)))
+            return (
+                usage.clear,
+                lambda: usage.update([usage.popitem()]),
+                usage.popitem,
+                lambda: usage.update({("new", None, "ok", False): self.health._Usage(1)}),
+                tracker._state.clear,
+                lambda: usage.update(dict.fromkeys(usage)),
+            )
 
         for case in range(6):
             tracker = self.host.tracker()
@@ -165,7 +203,9 @@ class OutsideTheLine(HealthCase):
                 tracker.record_success(tool)
             expected = tracker.get_health_summary()
             change = exchange(tracker)[case]
-            with mock.patch.object(self.health, "is_slow_call", lambda tool, action: bool(change()) and False):
+            with mock.patch.object(
+                self.health, "is_slow_call", lambda tool, action: bool(change()) and False
+            ):
                 seen = tracker.get_health_summary()
             for record in (*expected, *seen):
                 for row in record["usage"]:
@@ -173,7 +213,10 @@ class OutsideTheLine(HealthCase):
             self.assertEqual(seen, expected)
 
     def test_dug_out_through_the_collector(self):
-        """The map of loaded counts and the list of ranked pairs, found by gc and given other contents."""
+        """The map of loaded counts and the list of ranked pairs, found by gc and given other
+        contents.
+        """
+
         def spoil(kind, first, new):
             for found in gc.get_objects():
                 if type(found) is kind and found and next(iter(found)) == first:
@@ -190,7 +233,9 @@ class OutsideTheLine(HealthCase):
 
         database = self.host.database()
         database.answers["fetchone"] = ("document",)
-        self.health.json = types.SimpleNamespace(loads=lambda text: [GOOD_ENTRY, GOOD_ENTRY | {"action": ""}])
+        self.health.json = types.SimpleNamespace(
+            loads=lambda text: [GOOD_ENTRY, GOOD_ENTRY | {"action": ""}]
+        )
         self.health.TOOLS = Registry(self.health.TOOLS)
         hosts.outcome(self.host.tracker, database)
         self.assertFalse(database.tracker._lock.locked())
@@ -201,14 +246,18 @@ class OutsideTheLine(HealthCase):
 
         tracker = self.host.tracker(cls=Spoiler)
         pair = ("a", self.health._ToolState())
-        tracker._state = collections.OrderedDict([pair, ("b", self.health._ToolState())])  # no plain map: ranked pairs
+        tracker._state = collections.OrderedDict(
+            [pair, ("b", self.health._ToolState())]
+        )  # no plain map: ranked pairs
         self.assertEqual(hosts.outcome(tracker.get_health_summary)[0], "raised")
         self.assertFalse(tracker._lock.locked())
 
 
 class Recursion(HealthCase):
     def test_through_a_property_of_the_class(self):
-        """Endless recursion that never passes through bytecode ends in RecursionError, again and again."""
+        """Endless recursion that never passes through bytecode ends in RecursionError, again and
+        again.
+        """
         cls = self.health.ToolHealthTracker
         for field in ("_state", "_usage"):
             endless = type("Endless", (cls,), {})
@@ -260,7 +309,9 @@ class Errors(HealthCase):
             __hash__ = str.__hash__
 
         tracker = self.host.tracker()
-        tracker._usage["a", None, "ok", False] = self.health._Usage(1, 8, 1.0)  # a tie, which `round` has to settle
+        tracker._usage["a", None, "ok", False] = self.health._Usage(
+            1, 8, 1.0
+        )  # a tie, which `round` has to settle
         for name, run in (
             ("datetime", lambda: self.health._epoch("2023-11-14 22:13:20")),
             ("timezone", lambda: self.health._sqlite_time(5.0)),
@@ -276,7 +327,9 @@ class Errors(HealthCase):
                 self.assertFalse(tracker._lock.locked())
 
     def test_round_in_python(self):
-        """A copy of the module is collected though `round` was a Python function when it was imported."""
+        """A copy of the module is collected though `round` was a Python function when it was
+        imported.
+        """
         usual, known = round, []
 
         def rounding(*args, known=known):
@@ -290,7 +343,9 @@ class Errors(HealthCase):
         self.assertEqual([reference() for reference in dying], [None, None])
 
     def test_loaded_by_path(self):
-        """Without an entry in sys.modules the module loads, and leaves none behind; nor does a failed load."""
+        """Without an entry in sys.modules the module loads, and leaves none behind; nor does a
+        failed load.
+        """
         host = self.enterContext(hosts.Host("by.path", load=False))
         module = host.load(enter=False)
         self.assertEqual((module._Usage(3).calls, host.full_name in sys.modules), (3, False))
@@ -299,9 +354,13 @@ class Errors(HealthCase):
         self.assertNotIn(host.full_name, sys.modules)
 
 
-@unittest.skipIf("ASAN_OPTIONS" in os.environ or hasattr(sys, "gettotalrefcount"), "times of a build for users")
+@unittest.skipIf(
+    "ASAN_OPTIONS" in os.environ or hasattr(sys, "gettotalrefcount"), "times of a build for users"
+)
 class Times(HealthCase):
-    """Each a cliff of a factor of five and more; the least of several tries is hardly disturbed by other work."""
+    """Each a cliff of a factor of five and more; the least of several tries is hardly disturbed by
+    other work.
+    """
 
     def least(self, *cases):
         """The shortest time of each case, a statement and its names; measured in turn."""
@@ -316,20 +375,32 @@ class Times(HealthCase):
             patched.record_error = patched.record_success
             other.is_disabled("a")
         question = "tracker.has_unsaved_changes"
-        usual, without = self.least((question, {"tracker": tracker}), (question, {"tracker": other}))
+        usual, without = self.least(
+            (question, {"tracker": tracker}), (question, {"tracker": other})
+        )
         self.assertLess(without, 2.5 * usual)
 
     def test_two_classes_in_turn(self):
-        first, second = (self.host.tracker(cls=type("Own", (self.health.ToolHealthTracker,), {}))
-                         for _ in range(2))
+        first, second = (
+            self.host.tracker(cls=type("Own", (self.health.ToolHealthTracker,), {}))
+            for _ in range(2)
+        )
         call = "first.is_disabled('a'); second.is_disabled('a')"
-        one, two = self.least((call, {"first": first, "second": first}), (call, {"first": first, "second": second}))
+        one, two = self.least(
+            (call, {"first": first, "second": first}), (call, {"first": first, "second": second})
+        )
         self.assertLess(two, 3 * one)
 
     def test_census_warning(self):
         census = hosts.ThreadCensus(90, 12, {"MainThread": 1, "pool": 11})
         plain = self.enterContext(hosts.Host("plain", hosts.PLAIN))
-        module, python = self.least(*(
-            ("report(50, census)", {"report": host.health.thread_census_report, "census": census})
-            for host in (self.host, plain)))
+        module, python = self.least(
+            *(
+                (
+                    "report(50, census)",
+                    {"report": host.health.thread_census_report, "census": census},
+                )
+                for host in (self.host, plain)
+            )
+        )
         self.assertLess(module, python)

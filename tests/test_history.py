@@ -48,7 +48,9 @@ class Loading(HealthCase):
             self.assertRaises(TypeError, self.health._epoch, bad)
 
     def check(self, answers, text, logged, statements):
-        """A tracker whose history is ``answers``: the error ``logged``, or none, and the database calls."""
+        """A tracker whose history is ``answers``: the error ``logged``, or none, and the database
+        calls.
+        """
         db = self.host.database()
         db.answers |= answers
         self.host.warnings.clear()
@@ -169,7 +171,9 @@ class Flushing(HealthCase):
                 self.assertEqual(db.fetchall(SELECT)[0][:4], ("a", 2, 1, "a failed"))
 
     def test_changes_during_a_flush(self):
-        """A database that calls back into the tracker, and another thread: no wait, and no mark lost."""
+        """A database that calls back into the tracker, and another thread: no wait, and no mark
+        lost.
+        """
         def busy(*_, result=None):
             for work in (lambda: self.fill(db.tracker), db.tracker.get_health_summary):
                 thread = threading.Thread(target=work, daemon=True)

@@ -1,7 +1,9 @@
-"""Foreign code that runs inside an operation and misbehaves there: the module does what plain Python does.
+"""Foreign code that runs inside an operation and misbehaves there: the module does what plain
+Python does.
 
-Every place where an operation runs foreign code is combined with every mischief and every operation, on the module and
-on its twin: what comes out, what is left in the tracker and whether its lock is free must be the same.
+Every place where an operation runs foreign code is combined with every mischief and every
+operation, on the module and on its twin: what comes out, what is left in the tracker and whether
+its lock is free must be the same.
 """
 
 import functools
@@ -21,7 +23,8 @@ OPERATIONS = """t.record_call(NAME, 'text', 'ok', alias_hit=False, duration_ms=M
     t.record_success('new') | t.record_error(NAME, TEXT) | t.is_disabled(NAME) | t.is_disabled('off')
     t.get_health_summary() | t._usage_rows(NAME) | t.has_unsaved_changes | t.cooldown_s | t.flush()
     t._flush_usage() | t._load() | t._load_usage() | t.__init__(t._repo)"""
-# Where foreign code gets in. E(value) stands for the value, and is up to mischief whenever it is asked for anything.
+# Where foreign code gets in. E(value) stands for the value, and is up to mischief whenever it is
+# asked for anything.
 PLACES = """t._state = {E('a'): t._state['a'], 'off': t._state['off']} | t._dirty = {E('a'), E('b')}
     t._usage = {('x', 'y', 'z', 1): U(1), (E('a'), 'text', 'ok', False): U(3, 2, 1.5), ('a', '', '', True): U(9)}
     t._usage = {('a', E('text'), E('ok'), E(False)): U(3, 2, 1.5), ('a', 'text', 'ok', True): U(3)}
@@ -53,7 +56,8 @@ MISCHIEF = """raise ValueError(NUMBER) | raise KeyboardInterrupt | t._state.clea
     again t.record_error('a', 'again') | again t.record_success('z') | again t.flush() | again t.get_health_summary()
     again t._load(), t._load_usage() | t._lock.release() | h.time = h.is_slow_call = None
     del h._sqlite_time, h._ToolState, h._Usage | h._sqlite_time = [str, type][NUMBER % 2] | h.TOOLS = {} | gc.collect()"""
-# A summary describes the instant at which it took the lock: what is done to the entries of the maps later is not in it.
+# A summary describes the instant at which it took the lock: what is done to the entries of the maps
+# later is not in it.
 NOT_IN_A_SUMMARY = {"t._usage.clear()", "t._usage['b', NUMBER, 'ok', False] = U(NUMBER)", "t._state['a'] = t._usage[KEY] = None",
                     "t._state['a'] = S(70, 70, 'other', 3.0, 4.0, 70); t._usage[KEY] = U(70, 70, 70.0)"}
 # What a tracker's field is set to, or found to be.
@@ -132,7 +136,9 @@ class Lock:
 
 
 class World:
-    """A host, and for each operation the names that its statements use, with a tracker that has a history."""
+    """A host, and for each operation the names that its statements use, with a tracker that has a
+    history.
+    """
 
     def __init__(self, implementation):
         self.host = hosts.Host("hostile", implementation)
@@ -212,7 +218,9 @@ def split(table):
 
 class Hostile(unittest.TestCase):
     def compare(self, place, operations, *mischiefs):
-        """The mischiefs at this place in these operations, on the module and on the twin: which operations ran one."""
+        """The mischiefs at this place in these operations, on the module and on the twin: which
+        operations ran one.
+        """
         told = {}
         for implementation in (hosts.MODULE, hosts.PLAIN):
             world = World(implementation)

@@ -1,4 +1,6 @@
-"""Several interpreters, and the end of one: each in a child process that has to end cleanly and without a word."""
+"""Several interpreters, and the end of one: each in a child process that has to end cleanly and
+without a word.
+"""
 
 import unittest
 

@@ -1,4 +1,6 @@
-"""Memory: every allocation of every operation fails once, and nothing is left behind by any operation."""
+"""Memory: every allocation of every operation fails once, and nothing is left behind by any
+operation.
+"""
 
 import _imp
 import contextlib
@@ -38,7 +40,9 @@ def split(table):
 
 
 class Setting:
-    """What the operations name. Services are builtin methods: functions in Python have allocations of their own to fail."""
+    """What the operations name. Services are builtin methods: functions in Python have allocations
+    of their own to fail.
+    """
 
     def __init__(self, host):
         self.host, self.module, self.written = host, host.health, {}
@@ -83,7 +87,9 @@ def plain_class(slots):
 
 
 def attempt(code, names, first, last):
-    """What the operation gives and raises. Short: CPython 3.13 unwinds long code in circles when it has no memory."""
+    """What the operation gives and raises. Short: CPython 3.13 unwinds long code in circles when it
+    has no memory.
+    """
     import _testcapi
     result = error = None
     _testcapi.set_nomemory(first, last)
@@ -97,7 +103,9 @@ def attempt(code, names, first, last):
 
 
 def sweep(only_one):
-    """Each operation again and again, where memory gives out one allocation later every time: for good, or once."""
+    """Each operation again and again, where memory gives out one allocation later every time: for
+    good, or once.
+    """
     told = []
     with hosts.Host("swept") as host:
         setting = Setting(host)
@@ -170,7 +178,9 @@ class Allocations(unittest.TestCase):
 
 class Leaks(unittest.TestCase):
     def assertSteady(self, run, rounds, allowed, *kinds):
-        """Many rounds leave no memory blocks and no references behind, but for what is ``allowed`` for each round."""
+        """Many rounds leave no memory blocks and no references behind, but for what is ``allowed``
+        for each round.
+        """
         def held():
             while gc.collect():
                 pass  # a class can go only after its last instance has gone

@@ -1,4 +1,5 @@
-"""The module as Python code sees it: its names, its operations as functions, its class and its imports.
+"""The module as Python code sees it: its names, its operations as functions, its class and its
+imports.
 
 Where the question is what Python itself would do, the plain-Python twin answers it.
 """
@@ -31,7 +32,8 @@ SUMMARIES = """_known: Whether a usage row names a tool, and an action of it, th
     ToolHealthTracker.get_health_summary: Get health summary for all tracked tools.
     ToolHealthTracker._usage_rows: A tool's usage counts as ``perf_stats`` shows them, most calls first"""
 
-# Expressions about each operation f, then about the whole, that come to the same as on plain Python.
+# Expressions about each operation f, then about the whole, that come to the same as on plain
+# Python.
 FUNCTION_FACTS = """f.__name__, f.__qualname__, f.__code__.co_name, f.__module__ == h.__name__, callable(f)
     f.__annotations__, f.__defaults__, f.__kwdefaults__; set(map(type, f.__annotations__.values()))
     str(inspect.signature(f)); str(inspect.signature(f, eval_str=True)); typing.get_type_hints(f)
@@ -60,7 +62,8 @@ FACTS = """h._SQLITE_TIMESTAMP, h._TOOL_HEALTH_COLUMNS, h.TOOL_USAGE_KEY, h._Usa
     setattr(C, 'cooldown_s', 0), t.is_disabled('off')
     [delattr(h, name) for name in unused], t.record_call(*key, alias_hit=False, duration_ms=2), \
         t.record_success('a'), delattr(h, 'time'), t.is_disabled('a'), t.is_disabled('nobody')"""
-# What each operation looks up when it runs; after "|" the names whose loss a loader reports as a warning.
+# What each operation looks up when it runs; after "|" the names whose loss a loader reports as a
+# warning.
 LATE_BOUND = """h._sqlite_time(5.0) / datetime timezone _SQLITE_TIMESTAMP
     h._epoch('2023-11-14 22:13:20') / datetime timezone _SQLITE_TIMESTAMP
     h._known('a', 'text') / TOOLS
@@ -134,7 +137,9 @@ def world(host):
 
 class Surface(HealthCase):
     def compare(self, run):
-        """What ``run`` comes to in the world of a fresh copy of the module: the same as in the twin's."""
+        """What ``run`` comes to in the world of a fresh copy of the module: the same as in the
+        twin's.
+        """
         seen = []
         for implementation in (hosts.MODULE, hosts.PLAIN):
             with hosts.Host("fresh", implementation) as host:

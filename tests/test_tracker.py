@@ -10,7 +10,9 @@ T = 1_700_000_000.0  # the clock's start; the times of a table are seconds after
 
 class Recording(HealthCase):
     def test_disabling_and_cooldown(self):
-        """Steps on a tool: s(uccess), e(rror), ? is it disabled, c(lear the marks), seconds on the clock."""
+        """Steps on a tool: s(uccess), e(rror), ? is it disabled, c(lear the marks), seconds on the
+        clock.
+        """
         off, on = (True, "E"), (False, None)
         for after, cooldown, steps, answers, record, marked in (
             (3, 60, "+1 s", [], (1, 0, None, None, 1, 0), True),
@@ -60,7 +62,9 @@ class Recording(HealthCase):
         self.assertEqual((tracker._state, tracker._dirty, tracker._usage_dirty), ({}, set(), True))
 
     def test_the_lock(self):
-        """The critical sections of each operation, and the host's services run in (+) or outside (-) one."""
+        """The critical sections of each operation, and the host's services run in (+) or outside
+        (-) one.
+        """
         for call, expected in (
             ("is_disabled('a')", "lock"), ("is_disabled('off')", "lock +clock +cooldown"),
             ("limits", ""), ("cooldown_s", "-cooldown"), ("has_unsaved_changes", "lock"),
@@ -94,7 +98,9 @@ class Recording(HealthCase):
 
 class Summary(HealthCase):
     def test_ranking(self):
-        """Most errors first, then most calls; ties stay in the order of the state, then of the counts."""
+        """Most errors first, then most calls; ties stay in the order of the state, then of the
+        counts.
+        """
         for states, usages, order in (
             ("", "", ""), ("alpha 10 3, beta 50 3, gamma 100 0", "", "beta alpha gamma"),
             ("z 1 1, b 1 1, y 1 1", "", "z b y"), ("z 0 0", "y b z y a", "z y b a"), ("z -1 0", "y", "y z"),

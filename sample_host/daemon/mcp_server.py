@@ -123,8 +123,7 @@ class McpServer:
     def _take_notification(self, method: str, params: Any) -> None:
         asked: Any = cast(Message, params).get("requestId") if isinstance(params, dict) else None
         if method == "notifications/cancelled" and type(asked) in (str, int):
-            call = self._calls.get(asked)
-            if call is not None:
+            if (call := self._calls.get(asked)) is not None:
                 call.cancel()
 
     def _initialize(self, params: Message) -> Message:
@@ -144,12 +143,12 @@ class McpServer:
         if params.get("cursor") is not None:
             raise ProtocolError(INVALID_PARAMS, "there are no further pages")
         tools: list[Message] = []
-        for tool in TOOLS.values():
-            words = {"name": tool.name, "title": tool.title, "description": tool.description}
-            schemas = {"inputSchema": INPUT_SCHEMAS[tool.name]}
-            if tool.name in OUTPUT_SCHEMAS:
-                schemas["outputSchema"] = OUTPUT_SCHEMAS[tool.name]
-            tools.append({**words, **schemas, "annotations": {"title": tool.title, **ANNOTATIONS}})
+        for name, tool in TOOLS.items():
+            schemas = {"inputSchema": INPUT_SCHEMAS[name], "annotations": ANNOTATIONS}
+            if name in OUTPUT_SCHEMAS:
+                schemas["outputSchema"] = OUTPUT_SCHEMAS[name]
+            words = {"name": name, "title": tool.title, "description": tool.description}
+            tools.append(words | schemas)
         return {"tools": tools}
 
     async def _call_tool(self, request_id: str | int, params: Message) -> Message:
@@ -162,18 +161,15 @@ class McpServer:
             raise ProtocolError(INVALID_PARAMS, f"Unknown tool: {short_repr(name)}")
         if request_id in self._calls:
             raise ProtocolError(INVALID_REQUEST, "a call with this id is running")
-        task = asyncio.current_task()
-        assert task is not None
-        self._calls[request_id] = task
+        self._calls[request_id] = cast("asyncio.Task[Any]", asyncio.current_task())
         try:
             given = cast(Message, arguments)
             outcome, content = await self._pipeline.call(tool.name, given)
         finally:
             del self._calls[request_id]
         text = valid_unicode(content if isinstance(content, str) else json.dumps(content))
-        data = {} if isinstance(content, str) else {"structuredContent": content}
         answer = {"content": [{"type": "text", "text": text}], "isError": outcome is not Outcome.OK}
-        return {**answer, **data}
+        return answer if isinstance(content, str) else {**answer, "structuredContent": content}
 
 
 def _error(request_id: str | int | None, code: int, message: str) -> Message:

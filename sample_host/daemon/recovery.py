@@ -16,8 +16,8 @@ class Admission:
     succeeded = False
 
 
-# The tracker enables a tool for everybody at the first question after its cooldown, and all that wait
-# would come at once. For one thread: the event loop's.
+# The tracker enables a tool for everybody at the first question after its cooldown, and all that
+# wait would come at once. For one thread: the event loop's.
 class Recovery:
     """Lets the calls of a tool that was disabled in one at a time, until one of those succeeds."""
 
@@ -35,8 +35,8 @@ class Recovery:
             self._failing.add(tool)
             raise Refused(
                 f"{tool} is disabled because it kept failing; its last error was:"
-                f" {last_error or 'unknown'}. Calling it again now is useless: every call is refused"
-                f" until it is tried again, in {self._tracker.cooldown_s:g} s at the latest."
+                f" {last_error or 'unknown'}. Calling it again now is useless: every call is"
+                f" refused until it is tried again, in {self._tracker.cooldown_s:g} s at most."
             )
         if tool in self._probed:
             raise Refused(f"{tool} kept failing, and another call is trying it now. Ask later.")

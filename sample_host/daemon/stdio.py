@@ -1,6 +1,6 @@
 """Lines over standard input and output, for an event loop that must never wait for either."""
-# Each has a thread of its own, so that a pipe, a socket and a file will all do. The threads are daemons:
-# the process may end while one of them waits for a client that neither writes nor reads.
+# Each has a thread of its own, so that a pipe, a socket and a file will all do. The threads are
+# daemons: the process may end while one of them waits for a client that neither writes nor reads.
 
 import asyncio
 import os
@@ -21,7 +21,8 @@ class Lines:
         self._arrived: asyncio.Queue[list[bytes] | None] = asyncio.Queue(maxsize=4)
         self._answers: queue.SimpleQueue[bytes | None] = queue.SimpleQueue()
         threading.Thread(target=self._read, args=(source,), daemon=True, name="stdin").start()
-        self._writer = threading.Thread(target=self._write, args=(target,), daemon=True, name="stdout")
+        self._writer = threading.Thread(target=self._write, args=(target,), name="stdout")
+        self._writer.daemon = True  # as is the other: see above
         self._writer.start()
 
     async def __aiter__(self) -> AsyncIterator[bytes]:

@@ -4,7 +4,7 @@ import asyncio
 import logging
 import time
 from collections.abc import Callable, Mapping
-from concurrent.futures import ThreadPoolExecutor
+from concurrent.futures import Future, ThreadPoolExecutor
 from enum import Enum
 from typing import Any
 
@@ -34,8 +34,9 @@ class Outcome(Enum):
     CANCELLED = "cancelled"  # its client no longer wants it
 
 
-# For the event loop: all that the tracker is asked and told touches memory only. Handlers run in the
-# threads of a pool, and those of `quick` tools, which must not wait for a worker, in one of their own.
+# For the event loop: all that the tracker is asked and told touches memory only. Handlers run in
+# the threads of a pool, and those of `quick` tools, which must not wait for a worker, in one of
+# their own.
 class ToolPipeline:
     """Runs tools by name. Asks the tracker before each call, and tells it how that ended."""
 
@@ -47,13 +48,14 @@ class ToolPipeline:
         self._quick = quick
         self._workers = ThreadPoolExecutor(WORKERS, "worker")
         self._status = ThreadPoolExecutor(1, "status")
-        self._busy = 0  # calls that a worker runs, or that wait for one
+        # Calls that a worker runs, or that wait for one.
+        self._busy: set[Future[Any]] = set()
         self.counted = 0  # all calls so far: each is counted once, when it ends
 
-    # `tool` must be a name of the registry, never an agent's own text: it becomes a key of counts that are
-    # kept for ever. Cancelling the task cancels the call, which is then counted at once.
+    # `tool` must be a name of the registry, never an agent's own text: it becomes a key of counts
+    # that are kept for ever. Cancelling the task cancels the call, which is then counted at once.
     async def call(self, tool: str, arguments: dict[str, Any]) -> tuple[Outcome, Any]:
-        """Run one call: how it ended, and the handler's answer or what to tell the agent instead."""
+        """Run one call: how it ended, and the answer or what to tell the agent instead."""
         call: ResolvedCall | None = None
         outcome, duration_ms = Outcome.CANCELLED, None
         try:
@@ -79,12 +81,13 @@ class ToolPipeline:
             self.counted += 1
         return outcome, content
 
-    async def _run(self, tool: str, call: ResolvedCall, admission: Admission) -> tuple[Outcome, Any]:
+    async def _run(self, tool: str, call: ResolvedCall,
+                   admission: Admission) -> tuple[Outcome, Any]:
         loop = asyncio.get_running_loop()
         try:
             if tool in self._quick:
                 content = await loop.run_in_executor(self._status, self._quick[tool])
-            elif self._busy >= WORKERS + MAX_QUEUED:
+            elif len(self._busy) >= WORKERS + MAX_QUEUED:
                 return Outcome.OVERLOADED, f"{MAX_QUEUED} calls wait already. Ask again later."
             else:
                 content = await self._in_worker(loop, self._handlers[tool], call.parameters)
@@ -105,13 +108,11 @@ class ToolPipeline:
                          parameters: dict[str, Any]) -> Any:
         """The handler's answer. Cancelled, it leaves the queue, or sees it at its next look."""
         deadline = Deadline(TIME_LIMIT_S)
-        self._busy += 1
         running = self._workers.submit(lambda: handler(deadline.start(), **parameters))
-        running.add_done_callback(lambda _: loop.call_soon_threadsafe(self._one_less_busy))
+        self._busy.add(running)
+        running.add_done_callback(
+            lambda ended: loop.call_soon_threadsafe(self._busy.discard, ended))
         try:
             return await asyncio.wrap_future(running)
         finally:
             deadline.cancel()
-
-    def _one_less_busy(self) -> None:
-        self._busy -= 1

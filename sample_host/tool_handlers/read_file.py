@@ -12,7 +12,7 @@ _MAX_CHARACTERS = 100_000
 
 def read_file(directory: Path, deadline: Deadline, *, path: str, start_line: int,
               max_lines: int) -> str:
-    """The lines asked for, as many as fit; then which they are, where that is not the file's end."""
+    """The lines asked for, as many as fit; then which, where that is not the file's end."""
     lines = read_lines(find_file(open_directory(directory), path))
     deadline.check()
     if start_line > len(lines):

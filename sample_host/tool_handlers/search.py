@@ -61,8 +61,8 @@ def _matching_files(root: Path, pattern: str, deadline: Deadline,
             yield str(path)
 
 
-# Whether a path matches a glob, part by part; ** stands for any number of directories. In steps that are
-# counted beforehand, unlike a regular expression for the whole.
+# Whether a path matches a glob, part by part; ** stands for any number of directories. In steps
+# that are counted beforehand, unlike a regular expression for the whole.
 def _matches(parts: tuple[str, ...], wanted: list[str]) -> bool:
     reached: set[int] = {0}
     for pattern in wanted:

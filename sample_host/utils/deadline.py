@@ -9,9 +9,9 @@ class Stopped(Exception):
     """The call's time is up, or nobody waits for it any more."""
 
 
-# Looked at by the handler itself, between files and between blocks of lines: nothing else ends a thread in
-# the middle of its work. So a handler must not start what it cannot leave, such as a regular expression of
-# an agent's, which may backtrack without end. Any thread may cancel.
+# Looked at by the handler itself, between files and between blocks of lines: nothing else ends a
+# thread in the middle of its work. So a handler must not start what it cannot leave, such as a
+# regular expression of an agent's, which may backtrack without end. Any thread may cancel.
 class Deadline:
     """So many seconds from the start of the work on; time spent in a queue does not count."""
 

@@ -19,15 +19,11 @@ class _ToolTimes:
     recent_ms: deque[float] = field(default_factory=lambda: deque(maxlen=_RECENT_CALLS))
 
     def stats(self) -> dict[str, Any]:
-        p95_ms = sorted(self.recent_ms)[math.ceil(0.95 * len(self.recent_ms)) - 1]
-        return {
-            "count": self.count,
-            "avg_ms": round(self.total_ms / self.count, 3),
-            "p95_ms": round(p95_ms, 3),
-            "min_ms": round(self.min_ms, 3),
-            "max_ms": round(self.max_ms, 3),
-            "errors": self.errors,
-        }
+        avg_ms, recent_ms = self.total_ms / self.count, sorted(self.recent_ms)
+        p95_ms = recent_ms[math.ceil(0.95 * len(recent_ms)) - 1]
+        times = dict(avg_ms=avg_ms, p95_ms=p95_ms, min_ms=self.min_ms, max_ms=self.max_ms)
+        rounded = {name: round(ms, 3) for name, ms in times.items()}
+        return {"count": self.count, **rounded, "errors": self.errors}
 
 
 class TimingCollector:
