@@ -48,8 +48,7 @@ class HealthSaver:
         counted = self._count()
         try:
             if self._tracker.has_unsaved_changes:
-                loop = asyncio.get_running_loop()
-                await loop.run_in_executor(self._thread, self._tracker.flush)
+                await asyncio.get_running_loop().run_in_executor(self._thread, self._tracker.flush)
         except Exception as error:
             return str(error)
         self._saved = counted

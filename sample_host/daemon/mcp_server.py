@@ -78,8 +78,8 @@ class McpServer:
             else:
                 batch = cast("list[Any]", message) if isinstance(message, list) else []
                 is_batch = bool(batch) and self._version == BATCH_VERSION
-                each = map(self._answer, batch if is_batch else [message])
-                answers = await asyncio.gather(*each)
+                messages = batch if is_batch else [message]
+                answers = await asyncio.gather(*map(self._answer, messages))
         told = [answer for answer in answers if answer is not None]
         if told:
             self._write(json.dumps(told if is_batch else told[0]).encode())
@@ -163,8 +163,7 @@ class McpServer:
             raise ProtocolError(INVALID_REQUEST, "a call with this id is running")
         self._calls[request_id] = cast("asyncio.Task[Any]", asyncio.current_task())
         try:
-            given = cast(Message, arguments)
-            outcome, content = await self._pipeline.call(tool.name, given)
+            outcome, content = await self._pipeline.call(tool.name, cast(Message, arguments))
         finally:
             del self._calls[request_id]
         text = valid_unicode(content if isinstance(content, str) else json.dumps(content))

@@ -67,8 +67,7 @@ class ToolPipeline:
             if outcome is Outcome.OK:
                 duration_ms = elapsed_ms
             if outcome is not Outcome.OVERLOADED:
-                failed = outcome is not Outcome.OK
-                get_timing_collector().record(tool, elapsed_ms, failed=failed)
+                get_timing_collector().record(tool, elapsed_ms, failed=outcome is not Outcome.OK)
         except Refused as error:
             outcome, content = Outcome.REFUSED, str(error)
         except BadArguments as error:

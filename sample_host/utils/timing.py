@@ -22,8 +22,8 @@ class _ToolTimes:
         avg_ms, recent_ms = self.total_ms / self.count, sorted(self.recent_ms)
         p95_ms = recent_ms[math.ceil(0.95 * len(recent_ms)) - 1]
         times = dict(avg_ms=avg_ms, p95_ms=p95_ms, min_ms=self.min_ms, max_ms=self.max_ms)
-        rounded = {name: round(ms, 3) for name, ms in times.items()}
-        return {"count": self.count, **rounded, "errors": self.errors}
+        times = {name: round(ms, 3) for name, ms in times.items()}
+        return {"count": self.count, **times, "errors": self.errors}
 
 
 class TimingCollector:
