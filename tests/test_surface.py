@@ -16,22 +16,11 @@ from unittest import mock
 
 from . import HealthCase, hosts
 
-NAMES = """annotations json logging threading time dataclass datetime timezone TYPE_CHECKING Any ToolsConfig
-    TOOLS is_slow_call ThreadCensus thread_census get_timing_collector logger _SQLITE_TIMESTAMP
-    _TOOL_HEALTH_COLUMNS TOOL_USAGE_KEY _UsageKey _sqlite_time _epoch _ToolState _Usage _known
-    ToolHealthTracker handle_get_tool_performance_stats thread_census_report""".split()
 MEMBERS = """__init__ limits _load _load_usage record_call record_success record_error cooldown_s is_disabled
     get_health_summary _usage_rows has_unsaved_changes flush _flush_usage _flush_health""".split()
 P = {"limits", "cooldown_s", "has_unsaved_changes"}  # the properties
+FUNCTIONS = "_sqlite_time _epoch _known handle_get_tool_performance_stats thread_census_report".split()
 FIELDS = "_repo _limits _lock _state _dirty _usage _usage_dirty".split()
-SUMMARIES = """_known: Whether a usage row names a tool, and an action of it, that the registry still has.
-    thread_census_report: The process's threads for a status answer, measured against what its pools allow.
-    ToolHealthTracker.__init__: Create the tracker and read the saved history (blocking: call from a thread).
-    ToolHealthTracker.limits: The tools settings the tracker was made with.
-    ToolHealthTracker.cooldown_s: Seconds a disabled tool stays disabled.
-    ToolHealthTracker.get_health_summary: Get health summary for all tracked tools.
-    ToolHealthTracker._usage_rows: A tool's usage counts as ``perf_stats`` shows them, most calls first"""
-
 # Expressions about each operation f, then about the whole, that come to the same as on plain
 # Python.
 FUNCTION_FACTS = """f.__name__, f.__qualname__, f.__code__.co_name, f.__module__ == h.__name__, callable(f)
@@ -104,7 +93,7 @@ HOT = """t.is_disabled('a') / t._state['a'].disabled_at = 9e9
 
 def operations(module):
     """Every operation by its qualified name; a property by the function that reads it."""
-    members, functions = vars(module.ToolHealthTracker), ("_sqlite_time", "_epoch", "_known", *NAMES[-2:])
+    members, functions = vars(module.ToolHealthTracker), FUNCTIONS
     return {name: getattr(module, name) for name in functions} | {
         f"ToolHealthTracker.{name}": members[name].fget if name in P else members[name] for name in MEMBERS}
 
@@ -146,24 +135,6 @@ class Surface(HealthCase):
                 seen.append(hosts.outcome(run, world(host)))
         self.assertEqual(*seen)
         return seen[0]
-
-    def test_names(self):
-        with hosts.Host("org.team.host") as host:
-            health, members = host.health, vars(host.health.ToolHealthTracker)
-            self.assertEqual([name for name in vars(health) if not name.startswith("__")], NAMES)
-            self.assertEqual(health.__name__, "org.team.host.tool_handlers.health")
-            self.assertEqual(health.logger.name, health.__name__)
-            self.assertEqual([name for name in members if name in MEMBERS or name[:2] != "__"], MEMBERS)
-            self.assertEqual(list(vars(host.tracker())), FIELDS)
-        self.assertNotIn("org", sys.modules)
-
-    @unittest.skipIf(hosts.MODULE.endswith(".py"), "the twin has no docstrings")
-    def test_docstrings(self):
-        self.assertTrue(self.health.__doc__.startswith(
-            "Tool health tracking, the performance stats of the tools, and the process's thread census."))
-        for line in SUMMARIES.splitlines():
-            name, _, summary = line.strip().partition(": ")
-            self.assertEqual(operations(self.health)[name].__doc__[:len(summary)], summary)
 
     def test_facts(self):
         for fact in FACTS.replace("\n", ";").split(";"):
