@@ -3,6 +3,7 @@
 # daemons: the process may end while one of them waits for a client that neither writes nor reads.
 
 import asyncio
+import contextlib
 import os
 import queue
 import threading
@@ -18,7 +19,8 @@ class Lines:
     def __init__(self, source: int, target: int, client_is_gone: Callable[[], None]) -> None:
         self._loop = asyncio.get_running_loop()
         self._client_is_gone = client_is_gone
-        self._arrived: asyncio.Queue[list[bytes] | None] = asyncio.Queue(maxsize=4)
+        self._arrived: asyncio.Queue[list[bytes] | None] = asyncio.Queue()
+        self._room = threading.Semaphore(4)  # for so many reads that the loop has not taken
         self._answers: queue.SimpleQueue[bytes | None] = queue.SimpleQueue()
         threading.Thread(target=self._read, args=(source,), daemon=True, name="stdin").start()
         self._writer = threading.Thread(target=self._write, args=(target,), name="stdout")
@@ -28,6 +30,7 @@ class Lines:
     async def __aiter__(self) -> AsyncIterator[bytes]:
         """The lines up to the end of input; too long a one is cut to one byte more than allowed."""
         while (lines := await self._arrived.get()) is not None:
+            self._room.release()
             for line in lines:
                 yield line
                 while self._answers.qsize() > _MAX_UNREAD_ANSWERS:
@@ -44,17 +47,14 @@ class Lines:
 
     def _read(self, source: int) -> None:
         pending = b""
-        while chunk := os.read(source, 1 << 16):
-            *lines, pending = (pending + chunk).split(b"\n")
-            pending = pending[: MAX_LINE_BYTES + 1]  # the rest of an endless line is passed over
-            if lines:
-                self._arrive(lines)
-        self._arrive([pending])
-        self._arrive(None)
-
-    def _arrive(self, lines: list[bytes] | None) -> None:
-        """Hand lines to the loop, and wait where it has enough of them."""
-        asyncio.run_coroutine_threadsafe(self._arrived.put(lines), self._loop).result()
+        with contextlib.suppress(RuntimeError):  # the loop is closed: nobody takes them any more
+            while chunk := os.read(source, 1 << 16):
+                *lines, pending = (pending + chunk).split(b"\n")
+                pending = pending[: MAX_LINE_BYTES + 1]  # an endless line's rest is passed over
+                self._room.acquire()
+                self._loop.call_soon_threadsafe(self._arrived.put_nowait, lines)
+            self._loop.call_soon_threadsafe(self._arrived.put_nowait, [pending])
+            self._loop.call_soon_threadsafe(self._arrived.put_nowait, None)
 
     def _write(self, target: int) -> None:
         try:
