@@ -2,7 +2,12 @@
 around it.
 
 Needs nothing but the standard library and no test framework: child processes and the benchmark use
-it too.
+it too. For example:
+
+    with hosts.Host("myhost") as host:
+        tracker = host.tracker(limits=hosts.ToolsConfig(disable_after_errors=1))
+        tracker.record_error("search", "boom")
+        assert host.health._known("search", None) is False
 """
 
 import dataclasses
@@ -20,7 +25,7 @@ from pathlib import Path
 CHECKOUT = Path(__file__).resolve().parent.parent
 RELEASE = CHECKOUT / "build/release" / f"health{sysconfig.get_config_var('EXT_SUFFIX')}"
 MODULE = os.environ.get("HEALTH_MODULE", str(RELEASE))  # the file of the module under test
-PLAIN = str(CHECKOUT / "bench/plain.py")
+PLAIN = str(CHECKOUT / "bench/plain.py")  # its twin in plain Python
 
 SCHEMA = """
     CREATE TABLE IF NOT EXISTS tool_health (
@@ -29,10 +34,10 @@ SCHEMA = """
     CREATE TABLE IF NOT EXISTS schema_info (key TEXT PRIMARY KEY, value TEXT);
 """
 
-
 ToolsConfig = dataclasses.make_dataclass(
     "ToolsConfig", [("disable_after_errors", int, 3), ("disable_cooldown_s", float, 60.0)])
-ThreadCensus = dataclasses.make_dataclass("ThreadCensus", ["os_threads", "python_total", "python_threads"])
+ThreadCensus = dataclasses.make_dataclass(
+    "ThreadCensus", ["os_threads", "python_total", "python_threads"])
 
 
 class Tool(frozenset):
@@ -57,40 +62,40 @@ class Clock:
 
 class LockHeld(BaseException):
     """The tracker waited for its database with its lock held. No handler of ``Exception`` swallows
-    it.
-    """
+    it."""
 
 
 class Database:
-    """SQLite behind the methods that a tracker calls; ``calls`` keeps every call in order.
+    """The methods that a tracker calls; ``calls`` keeps every call in order.
 
     ``answers`` says by method what a call does: an exception is raised, a callable is called, and
     anything else is the result. The call whose number is ``fail_at``, counted from 1, raises
     sqlite3.OperationalError.
     """
 
-    def __init__(self, path=":memory:"):
-        self.connection = sqlite3.connect(path, isolation_level=None, check_same_thread=False)
-        self.connection.executescript(SCHEMA)
-        self.calls, self.fail_at, self.tracker = [], None, None
-        run = self.connection.execute
-        self.answers = {"fetchall": lambda sql: run(sql).fetchall(), "execute": run,
-                        "fetchone": lambda sql, params: run(sql, params).fetchone(),
-                        "executemany": self.connection.executemany}
+    def __init__(self, **answers):
+        self.answers, self.calls, self.fail_at, self.tracker = answers, [], None, None
 
     def __getattr__(self, method):
+        if method not in self.answers:
+            raise AttributeError(method)
         return functools.partial(self._call, method)
 
-    def _call(self, method, *args):
-        if self.tracker and self.tracker._lock.locked():
+    def _call(self, method, *arguments):
+        if self.tracker and is_held(self.tracker._lock):
             raise LockHeld(method)
-        self.calls.append((method, *args))
+        self.calls.append((method, *arguments))
         if len(self.calls) == self.fail_at:
             raise sqlite3.OperationalError("injected")
         answer = self.answers[method]
         if isinstance(answer, BaseException):
             raise answer
-        return answer(*args) if callable(answer) else answer
+        return answer(*arguments) if callable(answer) else answer
+
+
+def is_held(lock):
+    """Whether a lock of any kind is held; by the calling thread if it can be taken repeatedly."""
+    return (getattr(lock, "_is_owned", None) or getattr(lock, "locked", bool))()
 
 
 class Host(logging.Handler):
@@ -104,7 +109,7 @@ class Host(logging.Handler):
         super().__init__()
         self.implementation = implementation or MODULE
         self.full_name = f"{name}.tool_handlers.health"
-        self.added, self.databases, self.warnings, self.timings = [], [], [], []
+        self.added, self.connections, self.warnings, self.timings = [], [], [], []
         tools = {"a": Tool(("text", "")), "b": Tool(("text", "é")), "c": Tool()}
         census = functools.partial(ThreadCensus, 7, 3, {"MainThread": 1, "pool": 2})
         collector = types.SimpleNamespace(get_all_stats=lambda: self.timings)
@@ -134,10 +139,7 @@ class Host(logging.Handler):
 
     def load(self, enter=True):
         """Import the module the way the import machinery does, or as a harness that does not enter
-        it in sys.modules.
-
-        A second time gives a second copy.
-        """
+        it in sys.modules. A second time gives a second copy."""
         if not Path(self.implementation).exists():
             raise FileNotFoundError(f"{self.implementation} is not built; run script/bootstrap")
         spec = importlib.util.spec_from_file_location(self.full_name, self.implementation)
@@ -152,11 +154,18 @@ class Host(logging.Handler):
         self.warnings.append((record.msg, record.args))
 
     def database(self, path=":memory:"):
-        self.databases.append(Database(path))
-        return self.databases[-1]
+        """SQLite behind the methods that a tracker calls."""
+        connection = sqlite3.connect(path, isolation_level=None, check_same_thread=False)
+        connection.executescript(SCHEMA)
+        self.connections.append(connection)
+        run = connection.execute
+        return Database(fetchall=lambda sql: run(sql).fetchall(), execute=run,
+                        fetchone=lambda sql, parameters: run(sql, parameters).fetchone(),
+                        executemany=connection.executemany)
 
     def tracker(self, db=None, limits=None, cls=None):
-        """A tracker whose database knows it before the history is read, and so can watch its lock."""
+        """A tracker whose database knows it before the history is read, and so can watch its
+        lock."""
         db = db or self.database()
         cls = cls or self.health.ToolHealthTracker
         db.tracker = tracker = cls.__new__(cls)
@@ -167,8 +176,8 @@ class Host(logging.Handler):
         return self
 
     def __exit__(self, *_):
-        for db in self.databases:
-            db.connection.close()
+        for connection in self.connections:
+            connection.close()
         for name in reversed(self.added):
             sys.modules.pop(name, None)
             logging.Logger.manager.loggerDict.pop(name, None)
@@ -179,8 +188,7 @@ class Host(logging.Handler):
 
 def typed(value):
     """A value as plain data by which two copies of the module can be compared: 1, True and 1.0
-    differ.
-    """
+    differ."""
     kind = type(value).__name__
     if isinstance(value, dict):
         return kind, [(typed(key), typed(item)) for key, item in value.items()]
@@ -195,11 +203,17 @@ def typed(value):
 
 
 def outcome(function, *args, **kwargs):
-    """What a call comes to: its typed result, or the kind and text of what it raises."""
+    """What a call comes to: its typed result, or the kind and text of what it raises, the name that
+    this is about, and the kinds of those errors that were being handled then."""
     try:
         return typed(function(*args, **kwargs))
     except BaseException as error:
-        return "raised", type(error).__name__, str(error)
+        told = ["raised", type(error).__name__, str(error)]
+        if name := getattr(error, "name", None):
+            told.append(name)
+        while error := error.__context__:
+            told.append(type(error).__name__)
+        return tuple(told)
 
 
 def state_of(tracker):

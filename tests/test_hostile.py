@@ -1,275 +1,355 @@
 """Foreign code that runs inside an operation and misbehaves there: the module does what plain
 Python does.
 
-Every place where an operation runs foreign code is combined with every mischief and every
-operation, on the module and on its twin: what comes out, what is left in the tracker and whether
-its lock is free must be the same.
+Every place where an operation runs foreign code is combined with every mischief and every operation
+that gets there. For example, the call count of a record is a number of somebody's own (the place),
+which clears the tracker's state when one is added to it (the mischief) in `record_success` (the
+operation): what comes out, what is left in the tracker, what was asked for in which order, with the
+lock held or not, must be the same as with plain Python.
 """
 
+import collections
 import functools
+import gc
 import itertools
+import json
 import operator
-import os
-import re
 import threading
 import types
 import unittest
 from unittest import mock
 
 from . import hosts
+from .worlds import ENTRY, KEY, OPERATIONS, TIME, TwinCase, bare, put, source
 
-OPERATIONS = """t.record_call(NAME, 'text', 'ok', alias_hit=False, duration_ms=MS)
-    t.record_call('a', 'text', 'new', alias_hit=True, duration_ms=None) | t.record_success(NAME)
-    t.record_success('new') | t.record_error(NAME, TEXT) | t.is_disabled(NAME) | t.is_disabled('off')
-    t.get_health_summary() | t._usage_rows(NAME) | t.has_unsaved_changes | t.cooldown_s | t.flush()
-    t._flush_usage() | t._load() | t._load_usage() | t.__init__(t._repo)"""
-# Where foreign code gets in. E(value) stands for the value, and is up to mischief whenever it is
-# asked for anything.
-PLACES = """t._state = {E('a'): t._state['a'], 'off': t._state['off']} | t._dirty = {E('a'), E('b')}
-    t._usage = {('x', 'y', 'z', 1): U(1), (E('a'), 'text', 'ok', False): U(3, 2, 1.5), ('a', '', '', True): U(9)}
-    t._usage = {('a', E('text'), E('ok'), E(False)): U(3, 2, 1.5), ('a', 'text', 'ok', True): U(3)}
-    t._usage = {E(('a', 'text', 'ok', False)): U(3, 2, 1.5), ('a', 'text', '', False): U(4)}
-    A.call_count = E(2) | A.error_count = E(2) | A.disabled_at = E(5.0)
-    A.updated_at = E(7.0) | A.consecutive_errors = E(2) | t._state['a'] = E(A) | t._usage[KEY] = E(t._usage[KEY])
-    t._usage[KEY].calls = E(4) | t._usage[KEY].timed_calls = E(2) | t._usage[KEY].total_ms = E(4.5)
-    NAME = E('a') | MS = E(2.5) | TEXT = E('boom') | t._limits = E(t._limits) | h.time = E(clock)
-    t._limits.disable_after_errors = E(1) | t._limits.disable_cooldown_s = E(1e12) | h.is_slow_call = E(h.is_slow_call)
-    h.TOOLS = E(h.TOOLS) | h._known = E(h._known) | h._epoch = E(h._epoch) | h._sqlite_time = E(h._sqlite_time)
-    h.json = E(h.json) | h.ToolsConfig = E(h.ToolsConfig) | h._ToolState = E(S) | h._Usage = E(U) | h.datetime = E(h.datetime)
-    t._repo = E(t._repo) | db.rows = [E(db.rows[0]), db.rows[1]] | db.rows = E(db.rows)
-    db.rows = [('a', E(1), E(2), E('x'), E('2023-11-14 22:13:20'), None), db.rows[1]]
-    h.json = types.SimpleNamespace(loads=lambda text: [E(entry) for entry in json.loads(text)], dumps=json.dumps)
-    h.json = types.SimpleNamespace(loads=lambda text: [dict(entry, action=E('text')) for entry in json.loads(text)], dumps=json.dumps)
-    t._state = E(t._state) | t._usage = E(t._usage) | t._dirty = E(t._dirty) | t._usage_dirty = E(True) | t._lock = E(t._lock)
-    A.last_error = Dying() | A.updated_at = Dying() | A.disabled_at = Dying(5.0) | t._usage_dirty = Dying(1)
-    t._usage[KEY].total_ms = Dying(1.5) | A.call_count = Dying(1) | t._state['new'] = t._state['a'] = Dying(9)"""
-# What it does there; after "again" the tracker's lock is one that its own thread may take twice.
-MISCHIEF = """raise ValueError(NUMBER) | raise KeyboardInterrupt | t._state.clear() | t._usage.clear() | t._dirty.clear()
-    t._state[NUMBER] = S(NUMBER) | t._usage['b', NUMBER, 'ok', False] = U(NUMBER) | vars(t).clear() | t.__dict__ = {}
-    t.__dict__ = {**vars(t), '_state': {}, '_dirty': set(), '_usage': {}, '_usage_dirty': 0} | t._state = {}; t._usage = {}
-    t._dirty = set() | t._state['a'] = S(70, 70, 'other', 3.0, 4.0, 70); t._usage[KEY] = U(70, 70, 70.0)
-    t._state['a'] = t._usage[KEY] = None | del A.call_count, A.last_error, t._usage[KEY].calls | del t._dirty, t._usage
-    del t._usage_dirty | A.disabled_at = None | C._dirty = property(lambda self: {5}, lambda *_: None)
-    C._usage = property(lambda self: {} if E(1) else {}) | C.cooldown_s = 0 | C._usage_rows = lambda self, name: [name]
-    S.call_count = property(lambda self: 7, lambda *_: None) | S.disabled_at = property(lambda self: 7.0) | U.calls = 3
-    S.__setattr__ = lambda self, name, value: object.__setattr__(self, name, 8) | t.__class__ = Watched
-    again t.record_error('a', 'again') | again t.record_success('z') | again t.flush() | again t.get_health_summary()
-    again t._load(), t._load_usage() | t._lock.release() | h.time = h.is_slow_call = None
-    del h._sqlite_time, h._ToolState, h._Usage | h._sqlite_time = [str, type][NUMBER % 2] | h.TOOLS = {} | gc.collect()"""
+FIELDS = "_repo _limits _lock _state _dirty _usage _usage_dirty".split()
+# What is replaced by an object that is up to mischief, by what holds it.
+PLACES = {
+    "tracker": FIELDS,
+    "record": "call_count error_count disabled_at updated_at consecutive_errors".split(),
+    "counts": "calls timed_calls total_ms".split(),
+    "limits": ("disable_after_errors", "disable_cooldown_s"),
+    "health": "time TOOLS ToolsConfig is_slow_call json datetime timezone threading _known"
+              " _epoch _sqlite_time _ToolState _Usage".split(),
+    "world": "name error duration_ms rows row text epoch budget census timings".split(),
+    "census": ("os_threads", "python_total", "python_threads"),
+    "repository": ("db",),
+}
+# Where the object is part of something else. `evil(value)` stands for the value.
+INNER_PLACES = [
+    lambda tracker, evil: put(tracker, _state={evil("a"): tracker._state["a"], "off": None}),
+    lambda tracker, evil: put(tracker, _dirty={evil("a"), evil("b")}),
+    lambda tracker, evil, counts: put(tracker, _usage={
+        ("x", "y", "z", 1): counts, (evil("a"), "text", "ok", False): counts}),
+    lambda tracker, evil, health: put(tracker, _usage={
+        ("a", evil("text"), evil("ok"), evil(False)): health._Usage(3, 2, 1.5),
+        ("a", "text", "ok", True): health._Usage(3)}),
+    lambda tracker, evil, counts: put(tracker, _usage={evil(KEY): counts}),
+    lambda tracker, evil, record: tracker._state.update(a=evil(record)),
+    lambda tracker, evil, counts: tracker._usage.update({KEY: evil(counts)}),
+    lambda record, dying: put(record, last_error=dying(9)),
+    lambda tracker, dying: tracker._state.update(a=dying(9), new=dying(9)),
+    lambda tracker, dying: tracker._usage.update({KEY: dying(9)}),
+    lambda tracker, dying: put(tracker, _usage_dirty=dying(1)),
+    lambda world, evil: put(world, rows=[evil(world.rows[0]), world.rows[1]]),
+    lambda world, evil: put(world, row=(evil(world.row[0]),)),
+    lambda world, evil: put(world, timings=[evil(world.timings[0]), world.timings[1]]),
+    lambda world, evil: put(world, rows=[("a", evil(1), evil(2), evil("x"), evil(TIME), None)]),
+    lambda world, health, evil: (put(world, row=5), put(health, logger=evil(health.logger))),
+    lambda health, evil: put(health, json=types.SimpleNamespace(
+        dumps=json.dumps, loads=lambda text: [evil(ENTRY), ENTRY | {"action": evil("text")}])),
+]
+# What the object does when it is asked for anything; `number` tells how often that was.
+MISCHIEF = [
+    lambda number: raise_it(ValueError(number)),
+    lambda: raise_it(KeyboardInterrupt()),
+    lambda tracker: tracker._state.clear(),
+    lambda tracker: tracker._usage.clear(),
+    lambda tracker: tracker._dirty.clear(),
+    lambda tracker, health, number: tracker._state.update({number: health._ToolState(number)}),
+    lambda tracker, health, number: tracker._usage.update({("b", number, "", 0): health._Usage(1)}),
+    lambda tracker: vars(tracker).clear(),
+    lambda tracker: put(tracker, __dict__={}),
+    lambda tracker: put(tracker, __dict__=vars(tracker) | {
+        "_state": {}, "_dirty": set(), "_usage": {}, "_usage_dirty": 0}),
+    lambda tracker: put(tracker, _state={}, _usage={}),
+    lambda tracker: put(tracker, _dirty=set()),
+    lambda tracker, health: tracker._state.update(a=health._ToolState(7, 7, "other", 3.0, 4.0, 7)),
+    lambda tracker, health: tracker._usage.update({KEY: health._Usage(70, 70, 70.0)}),
+    lambda tracker: (tracker._state.update(a=None), tracker._usage.update({KEY: None})),
+    lambda record, counts: (delattr(record, "call_count"), delattr(counts, "calls")),
+    lambda tracker: (delattr(tracker, "_dirty"), delattr(tracker, "_usage")),
+    lambda tracker: delattr(tracker, "_usage_dirty"),
+    lambda record: put(record, disabled_at=None, last_error=None),
+    lambda tracker_class: put(tracker_class, _dirty=property(lambda _: {5}, lambda *_: None)),
+    lambda tracker_class, evil: put(tracker_class, _usage=property(lambda _: {} if evil(1) else {})),
+    lambda tracker_class: put(tracker_class, cooldown_s=0, _usage_rows=lambda self, name: [name]),
+    lambda health: put(health._ToolState, call_count=property(lambda _: 7, lambda *_: None)),
+    lambda health: put(health._ToolState, disabled_at=property(lambda _: 7.0)),
+    lambda health: put(health._Usage, calls=3),
+    lambda health: put(health._ToolState, __setattr__=lambda record, name, value:
+                       object.__setattr__(record, name, 8)),
+    lambda world, tracker: put(tracker, __class__=watched(world)),
+    lambda tracker: tracker._lock.release(),
+    lambda health: put(health, time=None, is_slow_call=None, TOOLS={}),
+    lambda health: [vars(health).pop(name) for name in ("_sqlite_time", "_ToolState", "_Usage")],
+    lambda health, number: put(health, _sqlite_time=(str, type)[number % 2]),
+    lambda: gc.collect() and None,
+]
+# For a lock that its thread may take again: an operation inside an operation.
+AGAIN = [
+    lambda tracker: tracker.record_error("a", "again"),
+    lambda tracker: tracker.record_success("z"),
+    lambda tracker: tracker.flush(),
+    lambda tracker: tracker.get_health_summary(),
+    lambda tracker: (tracker._load(), tracker._load_usage()),
+]
 # A summary describes the instant at which it took the lock: what is done to the entries of the maps
-# later is not in it.
-NOT_IN_A_SUMMARY = {"t._usage.clear()", "t._usage['b', NUMBER, 'ok', False] = U(NUMBER)", "t._state['a'] = t._usage[KEY] = None",
-                    "t._state['a'] = S(70, 70, 'other', 3.0, 4.0, 70); t._usage[KEY] = U(70, 70, 70.0)"}
-# What a tracker's field is set to, or found to be.
-WRONG = """del t.FIELD | t.FIELD = None | t.FIELD = 5 | t.FIELD = 'ab' | t.FIELD = [] | t.FIELD = ['ab', ('a', 'b', 'c', 'd')]
-    t.FIELD = {} | t.FIELD = {'a': 5, 'off': None} | t.FIELD = {None: U(), 5: S()} | t.FIELD = {('a', 'text', 'ok', False): 5}
-    t.FIELD = {('a', 'text', 'ok'): U()} | t.FIELD = {'abcd': U(1, 1)} | t.FIELD = {5} | t.FIELD = {'a', 5} | t.FIELD = frozenset('a')
-    t.FIELD = Half() | t.FIELD = collections.defaultdict(S, a=S(5)) | t.FIELD = collections.OrderedDict(vars(t)['FIELD'])
-    t.FIELD = types.MappingProxyType({'a': S(3)}) | t.FIELD = mock.MagicMock(**{'get.return_value': S(1)}, __repr__=lambda _: '')
-    t.FIELD = threading.RLock() | t.FIELD = Lock(enter=OSError('enter')) | t.FIELD = Lock(exit=OSError('exit')) | t.FIELD = Lock(1)
-    t.FIELD = Lock(0, __exit__=None) | t.FIELD = threading.Condition(t._lock) | t.FIELD = threading.Semaphore()
-    C.FIELD = property(lambda self: (bool(E(1)), vars(self)['FIELD'])[1]) | C.FIELD = 5 | t.__class__ = Watched
-    t.__class__ = Frozen; t.FIELD | t = Slots(repo, limits); t.FIELD | t.FIELD = type(t.FIELD)() | t._state = t.FIELD | t._usage = t.FIELD | t._dirty = t.FIELD"""
-ENTRY = {"tool": "a", "action": "text", "outcome": "ok", "alias_hit": False, "calls": 5, "timed_calls": 2, "total_ms": 6.25}
-UNARY = {"int": int, "float": float, "index": operator.index, "neg": operator.neg, "bool": bool, "str": str, "iter": iter, "len": len,
-         "enter": lambda lock: type(lock).__enter__(lock), "hash": hash}
-ADDRESS = re.compile(r"0x[0-9a-f]+|id='[0-9]+'")
-BINARY = "add sub truediv iadd eq lt gt ge le getitem contains setitem call round exit format".split()
-SWAPPED = {"radd": operator.add, "rsub": operator.sub, "rtruediv": operator.truediv}
-SPECIAL = {"round": round, "format": format, "exit": lambda lock, *error: type(lock).__exit__(lock, *error)}
+# later is not in it. These are left out there.
+NOT_IN_A_SUMMARY = {MISCHIEF[3], MISCHIEF[6], MISCHIEF[13], MISCHIEF[14]}
+# What stands in one of the tracker's fields.
+WRONG = [
+    lambda: None,
+    lambda: 5,
+    lambda: "ab",
+    lambda: ["ab", ("a", "b", "c", "d")],
+    lambda: {"a": 5, "off": None},
+    lambda health: {None: health._Usage(), 5: health._ToolState()},
+    lambda: {KEY: 5},
+    lambda health: {KEY[:3]: health._Usage(), "abcd": health._Usage(1, 1)},
+    lambda: {"a", 5},
+    lambda: frozenset("a"),
+    lambda health: collections.defaultdict(health._ToolState, a=health._ToolState(5)),
+    lambda health: types.MappingProxyType({"a": health._ToolState(3)}),
+    lambda: mock.MagicMock(**{"get.return_value": None}, __repr__=lambda _: ""),
+    lambda: threading.RLock(),
+    lambda: threading.Condition(),
+    lambda: threading.Semaphore(),
+    lambda: Lock(at_enter=OSError("enter")),
+    lambda: Lock(at_exit=OSError("exit")),
+    lambda: Lock(verdict=1),
+    lambda: put(Lock(), __exit__=None, __enter__=None),
+    lambda: type("OnlyEnters", (), {"__enter__": 5, "__repr__": lambda _: "OnlyEnters"})(),
+    lambda: type("Odd", (Lock,), {"__exit__": None})(),
+]
+# What is done to one of its fields.
+CHANGES = [
+    lambda tracker, field: delattr(tracker, field),
+    lambda tracker, field: put(tracker, **{field: type(vars(tracker)[field])()}),
+    lambda tracker, field: put(tracker, _state=vars(tracker)[field], _usage=vars(tracker)[field]),
+    lambda tracker, field: put(tracker, _dirty=vars(tracker)[field]),
+    lambda tracker, field: put(tracker, **{field: collections.OrderedDict(vars(tracker)[field])}),
+    lambda tracker_class, field, evil: put(tracker_class, **{field: property(
+        lambda tracker: (bool(evil(1)), vars(tracker)[field])[1])}),
+    lambda tracker_class, field: put(tracker_class, **{field: 5}),
+    lambda world, tracker: put(tracker, __class__=watched(world)),
+    lambda tracker, tracker_class: put(tracker, __class__=type(
+        "Frozen", (tracker_class,), {"__setattr__": lambda *_: 1 // 0})),
+    lambda world, tracker_class, repository, limits: put(world, tracker=type(
+        "Slots", (tracker_class,), {"__slots__": ("_state", "_lock")})(repository, limits)),
+]
 
 
-class Evil:
-    """Stands for a value; asked for anything, it first does its mischief."""
-
-    def __init__(self, act, value=None):
-        object.__setattr__(self, "parts", (act, value))
-
-    def __getattribute__(self, name):
-        act, value = object.__getattribute__(self, "parts")
-        act()
-        return getattr(value, name)
-
-    def __setattr__(self, name, new):
-        act, value = object.__getattribute__(self, "parts")
-        act()
-        setattr(value, name, new)
-
-    def __repr__(self):
-        return f"E({hosts.typed(object.__getattribute__(self, 'parts')[1])})"
+def raise_it(error):
+    raise error
 
 
-def forward(run):
-    def method(self, *others, **named):
-        act, value = object.__getattribute__(self, "parts")
-        act()
-        return run(value, *[object.__getattribute__(it, "parts")[1] if type(it) is Evil else it for it in others], **named)
-    return method
+def watched(world):
+    """A subclass whose attribute access tells what is read and written, and reads twice."""
+    def read(tracker, name):
+        world.log.append(name)
+        return [object.__getattribute__(tracker, name) for _ in range(2)][1]
 
+    def write(tracker, name, value):
+        world.log.append((name, hosts.typed(value)))
+        object.__setattr__(tracker, name, value)
 
-for hook in BINARY:
-    setattr(Evil, f"__{hook}__", forward(SPECIAL.get(hook) or getattr(operator, hook)))
-for hook, run in UNARY.items():
-    setattr(Evil, f"__{hook}__", forward(run))
-for hook, run in SWAPPED.items():
-    setattr(Evil, f"__{hook}__", forward(lambda value, other, run=run: run(other, value)))
+    return type("Watched", (world.tracker_class,), {"__getattribute__": read, "__setattr__": write})
 
 
 class Lock:
     """A lock with a will of its own."""
 
-    def __init__(self, verdict=None, enter=None, exit=None, **changes):
-        self.verdict, self.errors, self.held = verdict, (enter, exit), 0
-        if changes:
-            self.__class__ = type("Odd", (Lock,), changes)
+    def __init__(self, verdict=None, at_enter=None, at_exit=None):
+        self.verdict, self.at_enter, self.at_exit, self.held = verdict, at_enter, at_exit, 0
 
     def __enter__(self):
-        if self.errors[0]:
-            raise self.errors[0]
+        if self.at_enter:
+            raise self.at_enter
         self.held += 1
 
-    def __exit__(self, *error):
+    def __exit__(self, kind, error, traceback):
         self.held -= 1
-        if self.errors[1]:
-            raise self.errors[1]
+        if self.at_exit:
+            raise self.at_exit
         return self.verdict
 
+    def locked(self):
+        return self.held
 
-class World:
-    """A host, and for each operation the names that its statements use, with a tracker that has a
-    history.
-    """
 
-    def __init__(self, implementation):
-        self.host = hosts.Host("hostile", implementation)
-        health, cls = self.host.health, self.host.health.ToolHealthTracker
-        watched = type("Watched", (cls,), {"__getattribute__": lambda self, name: object.__getattribute__(self, name)})
-        frozen = type("Frozen", (cls,), {"__setattr__": lambda self, name, value: 1 // 0})
-        slots = type("Slots", (cls,), {"__slots__": ("_state", "_lock")})
-        self.names = {"h": health, "C": cls, "S": health._ToolState, "U": health._Usage, "Watched": watched, "Frozen": frozen,
-                      "Slots": slots, "Lock": Lock, "Half": type("Half", (), {"__enter__": 5, "__repr__": lambda _: "Half"}), "KEY": ("a", "text", "ok", False),
-                      "mock": mock, "types": types, "threading": threading}
-        self.kept = {space: dict(vars(space)) for space in (health, cls, health._ToolState, health._Usage)}
-        self.names |= {name: __import__(name) for name in ("json", "gc", "collections")}
+LOCKS = [  # and the mischiefs that are tried with a lock of that kind
+    (threading.Lock, MISCHIEF),
+    (threading.RLock, AGAIN),
+    (lambda: Lock(verdict=True), MISCHIEF[:2]),
+    (lambda: Lock(at_exit=OSError("exit")), MISCHIEF[:2]),
+]
 
-    def restore(self):
-        for space, kept in self.kept.items():
-            for name in {*vars(space), *kept}:
-                if vars(space).get(name) is not kept.get(name):
-                    setattr(space, name, kept[name]) if name in kept else delattr(space, name)
 
-    def run(self, place, mischief, operation):
-        names, depth, count = dict(self.names), [1], itertools.count(1)
-        health, clock = self.host.health, hosts.Clock()
+class Evil:
+    """Stands for a value; asked for anything, it first does its mischief."""
 
-        def act():
-            if not depth:  # only during the operation, and not inside itself
-                depth.append(1)
+    def __init__(self, act, value):
+        object.__setattr__(self, "act", act)
+        object.__setattr__(self, "stands_for", value)
+
+    def __getattribute__(self, name):
+        object.__getattribute__(self, "act")(name)
+        return getattr(bare(self), name)
+
+    def __setattr__(self, name, new):
+        object.__getattribute__(self, "act")(name)
+        setattr(bare(self), name, new)
+
+    def __repr__(self):
+        return f"Evil({hosts.typed(bare(self))})"
+
+
+def evil_method(name, run):
+    def method(evil, *others, **named):
+        object.__getattribute__(evil, "act")(name)
+        return run(bare(evil), *map(bare, others), **named)
+    return method
+
+
+def enter(lock):
+    return type(lock).__enter__(lock)
+
+
+def leave(lock, *error):
+    return type(lock).__exit__(lock, *error)
+
+
+for run in (int, float, bool, str, iter, len, hash, round, format, enter):
+    setattr(Evil, f"__{run.__name__}__", evil_method(run.__name__, run))
+for name in "index neg add sub truediv iadd eq lt gt ge le getitem contains setitem call".split():
+    setattr(Evil, f"__{name}__", evil_method(name, getattr(operator, name)))
+for name in ("add", "sub", "truediv"):
+    run = getattr(operator, name)
+    setattr(Evil, f"__r{name}__", evil_method(f"r{name}", lambda right, left, run=run: run(left, right)))
+Evil.__exit__ = evil_method("exit", leave)
+
+
+@functools.cache
+def evil_subclass(kind):
+    """A subclass of a builtin class with methods of its own: each first does its mischief."""
+    def overriding(name):
+        def method(value, *others, **named):
+            value.act(name)
+            return getattr(kind, name)(value, *others, **named)
+        return method
+
+    own = {name for name, value in vars(kind).items() if callable(value)}
+    own -= {"__new__", "__init__", "__repr__", "__getattribute__", "__setattr__"}
+    return type(f"Evil{kind.__name__}", (kind,), {name: overriding(name) for name in own})
+
+
+def evil_value(act, value):
+    """The value as an instance of such a subclass."""
+    if type(value) not in (dict, set, list, tuple, str, int, float):
+        raise TypeError("only for values of builtin classes")
+    return put(evil_subclass(type(value))(value), act=act)
+
+
+class Hostile(TwinCase):
+    def case(self, place, mischief, operation, kind, lock):
+        """A case in which `place` prepares the world, and then evil objects do mischief in the
+        operation."""
+        def run(world, health):
+            is_on = False  # of this case: an object that dies later does nothing to the next one
+
+            def act(asked):
+                nonlocal is_on
+                if not is_on:
+                    return  # before and after the operation, and inside itself
+                lock = bare(vars(world.tracker).get("_lock"))
+                world.log.append((asked, hosts.is_held(lock)))
+                is_on, world.number = False, len(world.log)
                 try:
-                    names["NUMBER"] = next(count)
-                    if names["NUMBER"] < 9:
-                        exec(code, names)
+                    if world.number < 9:
+                        world.call(mischief)
                 finally:
-                    depth.clear()
+                    is_on = True
 
-        class Dying(float):
-            def __del__(self):
-                try:
-                    act()
-                except BaseException:
-                    pass
+            class Dying(float):
+                def __del__(self):
+                    try:
+                        act("del")
+                    except BaseException:
+                        pass
 
-        db = types.SimpleNamespace(rows=[("a", 1, 0, None, None, None), ("b", 2, 2, "x", None, "2023-11-14 22:13:20")])
-        db.fetchall, db.fetchone = lambda sql: db.rows, lambda sql, key: (names["json"].dumps([ENTRY, ENTRY | {"tool": "gone"}]),)
-        db.execute = db.executemany = lambda sql, rows: written.append(repr(rows))
-        repo, limits, written = types.SimpleNamespace(db=db), hosts.ToolsConfig(1, 1e12), []
-        health.time, code = clock, compile(mischief.removeprefix("again "), "mischief", "exec")
-        if mischief.startswith("again "):
-            health.threading = types.SimpleNamespace(Lock=threading.RLock)
-        names |= dict(db=db, clock=clock, repo=repo, limits=limits, t=names["C"](repo, limits), E=lambda value: Evil(act, value),
-                      Dying=Dying, NAME="a", MS=2.5, TEXT="boom")
-        tracker = names["t"]
-        tracker.record_error("off", "boom")
-        tracker.record_error("a", "boom")
-        names["A"] = tracker._state["a"]
-        self.host.warnings.clear()
-        result = [hosts.outcome(exec, place, names)]
-        tracker, lock = names["t"], vars(names["t"]).get("_lock")
-        depth.clear()
-        names["answer"] = None
-        result.append(hosts.outcome(exec, f"answer = {operation}", names))
-        depth.append(1)
-        warnings = [(text, repr(arguments)) for text, arguments in self.host.warnings]
-        left = vars(tracker).items() if type(tracker).__dict__.get("__slots__") is None else ()
-        self.restore()
-        done = next(count) - 1
-        return done, ADDRESS.sub("", repr((result, hosts.typed(names.pop("answer", None)), done, clock.reads, written, warnings, held(lock),
-                     [(name, hosts.typed(value)) for name, value in left if name not in ("_repo", "_limits", "_lock")])))
+            if lock is not threading.Lock:
+                world.tracker._lock = lock()
+                health.threading = types.SimpleNamespace(Lock=lock)
+            world.evil, world.dying = functools.partial(kind, act), Dying
+            prepared = hosts.outcome(lambda: world.call(place) and None)
+            is_on = True
+            try:
+                return prepared, world.call(operation)
+            finally:
+                is_on = False
+        return run
 
+    def assertSameIn(self, operations, place, mischief, kind=Evil, lock=threading.Lock, **about):
+        """The same in these operations; returns those in which an evil object was asked."""
+        reached = []
+        for operation in operations:
+            if mischief in NOT_IN_A_SUMMARY and "get_health_summary" in source(operation):
+                continue
+            about |= {"mischief": source(mischief), "operation": source(operation)}
+            self.assertSame(self.case(place, mischief, operation, kind, lock), **about)
+            if self.module.log:
+                reached.append(operation)
+        return reached
 
-def held(lock):
-    lock = object.__getattribute__(lock, "parts")[1] if type(lock) is Evil else lock
-    return str(lock._is_owned() if hasattr(lock, "_is_owned") else lock.held if isinstance(lock, Lock) else getattr(lock, "locked", bool)())
-
-
-def split(table):
-    return [row.strip() for row in table.replace("\n", "|").split("|")]
-
-
-class Hostile(unittest.TestCase):
-    def compare(self, place, operations, *mischiefs):
-        """The mischiefs at this place in these operations, on the module and on the twin: which
-        operations ran one.
-        """
-        told = {}
-        for implementation in (hosts.MODULE, hosts.PLAIN):
-            world = World(implementation)
-            with world.host:
-                for mischief, operation in itertools.product(mischiefs, operations):
-                    if operation == "t.get_health_summary()" and mischief in NOT_IN_A_SUMMARY:
-                        continue
-                    told.setdefault((mischief, operation), []).append(world.run(place, mischief, operation))
-        for (mischief, operation), ((_, module), (_, plain)) in told.items():
-            with self.subTest(place, mischief=mischief, operation=operation):
-                self.assertEqual(module, plain)
-        return {operation for (_, operation), (_, (count, _)) in told.items() if count}
+    def places(self):
+        """Every place by a name: a function that puts an evil object there."""
+        for holder, names in PLACES.items():
+            for name in names:
+                yield f"{holder}.{name}", lambda world, holder=holder, name=name: put(
+                    getattr(world, holder), **{name: world.evil(getattr(getattr(world, holder), name))})
+                if holder in ("record", "counts"):
+                    yield f"dying {name}", lambda world, holder=holder, name=name: put(
+                        getattr(world, holder), **{name: world.dying(5)})
+        for place in INNER_PLACES:
+            yield source(place), place
 
     def test_mischief(self):
-        for place in split(PLACES):
-            reached = self.compare(place, split(OPERATIONS), "pass")
-            with self.subTest(place):
-                self.assertTrue(reached)
-            self.compare(place, reached, *split(MISCHIEF))
+        for kind, (name, place) in itertools.product((Evil, evil_value), self.places()):
+            about = {"kind": kind, "at": name}
+            reached = self.assertSameIn(OPERATIONS, place, lambda: None, **about)
+            with self.subTest(name):
+                self.assertTrue(reached or kind is evil_value)
+            for lock, mischiefs in LOCKS:
+                for mischief in mischiefs:
+                    self.assertSameIn(reached, place, mischief, lock=lock, **about)
+
+    def test_everything_at_once(self):
+        """What is asked in which order, where everything is somebody's own."""
+        def everything(world):
+            for name, place in self.places():
+                if "." in name:
+                    world.call(place)
+
+        reached = self.assertSameIn(OPERATIONS, everything, lambda: None)
+        self.assertEqual(reached, OPERATIONS)
 
     def test_wrong_fields(self):
-        fields = "_repo _limits _lock _state _dirty _usage _usage_dirty".split()
-        for wrong, field in itertools.product(split(WRONG), fields):
-            self.compare(wrong.replace("FIELD", field), split(OPERATIONS), "pass")
-
-
-class Recursion(unittest.TestCase):
-    # Calls that lead back into the module without a line of Python.
-    ENDLESS = """t._limits = type('Own', (), {'disable_cooldown_s': C.cooldown_s})(); t._limits._limits = t._limits / t.cooldown_s
-        h.get_timing_collector = h.handle_get_tool_performance_stats / h.get_timing_collector()
-        h.thread_census = partial(h.thread_census_report, 5) / h.thread_census()
-        t._flush_health = t.flush / t.flush()
-        C._load = staticmethod(partial(C, t._repo)) / C(t._repo)
-        h.TOOLS = Space(get=partial(h._known, action=None)) / h._known('a', None)
-        t._usage = Space(items=partial(t._usage_rows, 'a')) / t._usage_rows('a')
-        t._lock, t._state = threading.RLock(), Space(get=t.is_disabled) / t.is_disabled('a')
-        t._lock, t._dirty = threading.RLock(), Space(add=t.record_success) / t.record_success('a')"""
-
-    def test_endless_recursion(self):
-        if "ASAN_OPTIONS" in os.environ:  # whose frames are larger than what Python's limit was set for
-            self.addCleanup(threading.stack_size, threading.stack_size(1 << 28))
-        for row in self.ENDLESS.splitlines():
-            with self.subTest(row.strip()), hosts.Host("endless") as host:
-                patch, call = row.strip().split(" / ")
-                names, told = {"h": host.health, "C": host.health.ToolHealthTracker, "t": host.tracker(), "threading": threading,
-                               "partial": functools.partial, "Space": types.SimpleNamespace}, []
-                exec(patch, names)
-                thread = threading.Thread(target=lambda: told.append(hosts.outcome(eval, call, names)))
-                thread.start()
-                thread.join()
-                self.assertEqual(told[0][:2], ("raised", "RecursionError"))
-                self.assertEqual(held(names["t"]._lock), "False")
+        for field, value in itertools.product(FIELDS, WRONG):
+            self.assertSameIn(OPERATIONS, lambda world: put(world.tracker, **{
+                field: world.call(value)}), lambda: None, field=field, value=source(value))
+        for field, change in itertools.product(FIELDS, CHANGES):
+            def place(world):
+                world.field = field
+                world.call(change)
+            self.assertSameIn(OPERATIONS, place, lambda: None, field=field, change=source(change))

@@ -1,0 +1,163 @@
+"""The same case in two worlds, that of the module and that of its plain-Python twin: everything that
+can be seen of it must be the same.
+
+A case is a function, and what its parameters name is taken from the world: the module as `health`,
+a tracker with a history as `tracker`, its class, its settings, its clock, and so on. For example
+
+    lambda tracker, clock: (put(clock, now=5), tracker.record_success("a"))
+
+is compared in what it returns or raises and in what it leaves behind: the tracker's fields, whether
+its lock is free, the database calls, the warnings, and how often the clock was read.
+"""
+
+import json
+import linecache
+import re
+import types
+import unittest
+
+from . import hosts
+
+KEY = ("a", "text", "ok", False)
+TIME = "2023-11-14 22:13:20"
+ENTRY = {"tool": "a", "action": "text", "outcome": "ok", "alias_hit": False, "calls": 5,
+         "timed_calls": 2, "total_ms": 6.25}
+DOCUMENT = json.dumps([ENTRY, ENTRY | {"tool": "gone"}])
+STATISTICS = ("name", "count", "avg_ms", "p95_ms", "min_ms", "max_ms", "errors")
+NEW = {"action": None, "outcome": "ok", "alias_hit": True, "duration_ms": None}
+OPERATIONS = [
+    lambda tracker, name, duration_ms: tracker.record_call(
+        name, "text", "ok", alias_hit=False, duration_ms=duration_ms),
+    lambda tracker: tracker.record_call("new", **NEW),
+    lambda tracker, name: tracker.record_success(name),
+    lambda tracker: tracker.record_success("new"),
+    lambda tracker, name, error: tracker.record_error(name, error),
+    lambda tracker, name: tracker.is_disabled(name),
+    lambda tracker: tracker.is_disabled("off"),
+    lambda tracker: tracker.get_health_summary(),
+    lambda tracker, name: tracker._usage_rows(name),
+    lambda tracker: tracker.has_unsaved_changes,
+    lambda tracker: (tracker.limits, tracker.cooldown_s),
+    lambda tracker: tracker.flush(),
+    lambda tracker, db: (db.answers.update(executemany=OSError("broken")), tracker.flush()),
+    lambda tracker, db: (db.answers.update(execute=OSError("broken")), tracker._flush_usage()),
+    lambda tracker: tracker._load(),
+    lambda tracker: tracker._load_usage(),
+    lambda tracker, repository: tracker.__init__(repository),
+    lambda health, name: health._known(name, "text"),
+    lambda health, text: health._epoch(text),
+    lambda health, epoch: health._sqlite_time(epoch),
+    lambda health, budget, census: health.thread_census_report(budget, census),
+    lambda health: health.handle_get_tool_performance_stats(),
+]
+# What may differ: addresses, file names, and the names of the two host packages.
+OWN = re.compile(r"0x[0-9a-f]+|id='[0-9]+'|<module .*?>|\b(?:module|plain)_world\b")
+
+
+class World(hosts.Host):
+    """A host whose services are scripted. Tool "a" has failed once, "b" is from the stored history,
+    and "off" is disabled; a call that may be slow is counted under KEY."""
+
+    def __init__(self, name, implementation):
+        super().__init__(name, implementation)
+        self.world = self
+        self.take(self.health)
+
+    def take(self, health):
+        self.health, self.tracker_class = health, health.ToolHealthTracker
+        self.clock = health.time = hosts.Clock()
+        self.patched = (health, self.tracker_class, health._ToolState, health._Usage)
+        self.original = [dict(vars(space)) for space in self.patched]
+
+    @property
+    def copy(self):
+        """One more copy of the module."""
+        return self.load(enter=False)
+
+    def call(self, function):
+        """Call a function with those things of this world that its parameters name, those without
+        a default."""
+        wanted = function.__code__.co_argcount - len(function.__defaults__ or ())
+        return function(*[getattr(self, name) for name in function.__code__.co_varnames[:wanted]])
+
+    def reset(self):
+        """Make everything anew, whatever has been patched."""
+        for space, original in zip(self.patched, self.original):
+            if [*map(id, vars(space).values())] == [*map(id, original.values())]:
+                continue
+            if space is not self.health and self.implementation == hosts.MODULE:
+                self.take(self.load())  # a class that was patched is not known to the module again
+                break
+            for name in vars(space).keys() - original:
+                delattr(space, name)
+            for name, value in original.items():
+                if vars(space).get(name) is not value:
+                    setattr(space, name, value)
+            original.clear()
+            original.update(vars(space))  # in their order now
+        self.clock.__init__()
+        self.limits, self.log = hosts.ToolsConfig(1, 1e12), []
+        self.rows = [("a", 1, 0, None, None, None), ("b", 2, 2, "x", None, TIME)]
+        self.row = (DOCUMENT,)
+        self.name, self.error, self.duration_ms = "a", "boom", 2.5  # arguments of the operations
+        self.text, self.epoch, self.budget = TIME, 1.7e9, 5
+        self.census = hosts.ThreadCensus(None, 12, {"pool": 11})
+        self.timings = [dict.fromkeys(STATISTICS, number) for number in range(2)]
+        self.db = hosts.Database(fetchall=lambda sql: self.rows, execute=None, executemany=None,
+                                 fetchone=lambda sql, key: self.row)
+        self.repository = types.SimpleNamespace(db=self.db)
+        self.tracker = self.db.tracker = self.tracker_class(self.repository, self.limits)
+        self.tracker.record_error("off", "broken")
+        self.tracker.record_error("a", "boom")
+        self.record, self.counts = self.tracker._state["a"], self.tracker._usage[KEY]
+        self.db.calls.clear()
+        self.warnings.clear()
+        self.clock.reads = 0
+
+    def told(self, case):
+        """All that can be seen of a case."""
+        result = hosts.outcome(self.call, case)
+        fields = [(name, hosts.typed(value)) for name, value in vars(self.tracker).items()
+                  if name not in ("_repo", "_limits", "_lock")]
+        lock = bare(vars(self.tracker).get("_lock"))
+        seen = [result, fields, hosts.is_held(lock), self.clock.reads, self.log,
+                hosts.typed(self.db.calls), [(text, *map(repr, args)) for text, args in self.warnings]]
+        return OWN.sub("", repr(seen))
+
+
+class TwinCase(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.module = cls.enterClassContext(World("module_world", hosts.MODULE))
+        cls.plain = cls.enterClassContext(World("plain_world", hosts.PLAIN))
+
+    def assertSame(self, *cases, **about):
+        """Each case comes to the same in both worlds, each time a fresh one."""
+        for case in cases:
+            with self.subTest(source(case), **about):
+                seen = []
+                for world in (self.module, self.plain):
+                    world.reset()
+                    seen.append(world.told(case))
+                self.assertEqual(*seen)
+
+
+def source(function):
+    """The line on which a function begins, to tell it from others."""
+    code = function.__code__
+    return linecache.getline(code.co_filename, code.co_firstlineno).strip()
+
+
+def put(thing, **attributes):
+    """The thing, with these attributes set."""
+    for name, value in attributes.items():
+        setattr(thing, name, value)
+    return thing
+
+
+def bare(value):
+    """What a value stands for that is not what it seems."""
+    try:
+        return object.__getattribute__(value, "stands_for")
+    except AttributeError:
+        return value
