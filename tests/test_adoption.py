@@ -1,7 +1,7 @@
 """How a host takes the module in: its types, its help, its installation and the documents' code."""
-# The documents' code runs in a child process, in a directory with a host that the module has been
-# installed into. For example, the guide's guarded call has to refuse a tool's seventh call where six
-# failed, and to let calls in again one by one after the cooldown (`follow_the_guide`).
+# The documents' code runs in a child process, beside a host that the module has been installed into.
+# For example, `follow_the_guide` lets a tool fail as often as the guide's settings allow: its guarded
+# call has to refuse the next one, and after the cooldown to let one call in before all others.
 
 import ast
 import asyncio
@@ -33,23 +33,15 @@ def blocks(document, language):
 
 
 def follow(document, package):
-    guide = types.ModuleType("guide")
+    guide = types.SimpleNamespace()
     exec("\n".join(blocks(document, "python")).replace("myhost", package), vars(guide))
-    health = sys.modules[f"{package}.tool_handlers.health"]
-    assert Path(health.__file__).parents[1] == Path(package.replace(".", "/")).resolve(), health
-    assert health.logger.name == health.__name__, health
+    assert guide.ToolHealthTracker.__module__ == f"{package}.tool_handlers.health"
     if document == "docs/integration.md":
         follow_the_guide(guide)
 
 
 # The guarded call does what the guide says of it, before and after a restart.
 def follow_the_guide(guide):
-    def fails():
-        raise OSError("gone: \udc80")
-
-    def is_confused():
-        raise guide.BadArguments
-
     async def at_once(runs):
         return await asyncio.gather(*(guide.call_tool("search", "text", run) for run in runs))
 
@@ -58,26 +50,21 @@ def follow_the_guide(guide):
         assert [outcome for outcome, _ in ended] == outcomes.split(), ended
         return ended[-1][1]
 
-    def check_that_it_gets_disabled():
+    fails = mock.Mock(side_effect=OSError("gone: \udc80"))
+    is_confused = mock.Mock(side_effect=guide.BadArguments)
+    guide.tracker.flush()
+    for restart in (False, True):
         check("failed failed ok failed failed bad_arguments failed refused", [fails], [fails],
               [int], [fails], [fails], [is_confused], [fails], [is_confused])
-
-    def check_that_it_comes_back():
+        assert guide.tracker.flush() == 1 + 6, "the row of one tool and six usage counts"
+        if restart:
+            guide.tracker = asyncio.run(guide.start())
+            guide.recovery = guide.Recovery(guide.tracker)
+            answer = check("refused", [int])
+            assert "OSError: gone: ?" in answer and "it again now is useless" in answer, answer
         guide.settings.disable_cooldown_s = 0
         check("failed refused refused ok ok ok", [fails, int, int], [int], [int, int])
         guide.settings.disable_cooldown_s = 60
-
-    guide.tracker.flush()
-    check_that_it_gets_disabled()
-    assert guide.tracker.flush() == 1 + 6, "the row of one tool and six usage counts"
-    check_that_it_comes_back()
-    check_that_it_gets_disabled()
-    guide.tracker.flush()
-    guide.tracker = asyncio.run(guide.start())
-    guide.recovery = guide.Recovery(guide.tracker)
-    answer = check("refused", [int])
-    assert "OSError: gone: ?" in answer and "Calling it again now is useless" in answer, answer
-    check_that_it_comes_back()
 
 
 # What is left of an answer when its numbers and texts are left out.
@@ -97,8 +84,7 @@ def facts(value):
         members = [(name, facts(member)) for name, member in vars(value).items()
                    if isinstance(member, (types.FunctionType, property))]
         fields = dataclasses.fields(value) if dataclasses.is_dataclass(value) else ()
-        told = [(field.name, field.type, field.default) for field in fields]
-        return inspect.getdoc(value), members, told
+        return inspect.getdoc(value), members, [(it.name, it.type, it.default) for it in fields]
     return value
 
 
@@ -125,9 +111,8 @@ class Adoption(unittest.TestCase):
             self.assertEqual(stub["__doc__"].strip(), health.__doc__)
             fields = stub["ToolHealthTracker"].__annotations__
             self.assertEqual(list(fields), list(vars(host.tracker())))
-            for name in told:
+            for name, real in ((name, getattr(health, name)) for name in told):
                 with self.subTest(name):
-                    real = getattr(health, name)
                     if name in stub["__annotations__"]:
                         self.assertIsInstance(real, eval(stub["__annotations__"][name], stub))
                     else:
@@ -157,7 +142,8 @@ class Adoption(unittest.TestCase):
         left_out = shutil.ignore_patterns("health.*", "__pycache__")
         shutil.copytree(hosts.CHECKOUT / "sample_host", host, ignore=left_out)
         before = set(host.rglob("*"))
-        self.execute("cmake", "--install", MODULE.parent, "--prefix", host, LD_PRELOAD="", DESTDIR="")
+        command = "cmake", "--install", MODULE.parent, "--prefix", host
+        self.execute(*command, LD_PRELOAD="", DESTDIR="")
         installed = {host / "tool_handlers" / name for name in (MODULE.name, STUB.name)}
         self.assertEqual(set(host.rglob("*")) - before, installed)
         return base
