@@ -1,7 +1,7 @@
 """How a host takes the module in: its types, its help, its installation and the documents' code."""
-# The documents' code runs in a child process, beside a host that the module has been installed into.
-# For example, `follow_the_guide` lets a tool fail as often as the guide's settings allow: its guarded
-# call has to refuse the next one, and after the cooldown to let one call in before all others.
+# The documents' code runs in a child process, beside a host that the module was installed into.
+# For example, `follow_the_guide` lets a tool fail as often as the guide's settings allow: its
+# guarded call has to refuse the next one, and after the cooldown to let one in before all others.
 
 import ast
 import asyncio
@@ -35,7 +35,8 @@ def blocks(document, language):
 def follow(document, package):
     guide = types.SimpleNamespace()
     exec("\n".join(blocks(document, "python")).replace("myhost", package), vars(guide))
-    assert guide.ToolHealthTracker.__module__ == f"{package}.tool_handlers.health"
+    name = f"{package}.tool_handlers.health"
+    assert sys.modules[name].logger.name == name
     if document == "docs/integration.md":
         follow_the_guide(guide)
 
