@@ -24,7 +24,13 @@ from . import hosts
 
 MODULE = Path(hosts.MODULE)
 STUB = hosts.CHECKOUT / "tool_handlers/health/health.pyi"
-FOLLOW = "from tests import test_adoption; test_adoption.follow({!r}, {!r})".format
+FOLLOW = """
+import sys
+sys.path.append({!r})
+from tests import test_adoption
+sys.path.pop()  # so that the code can take nothing from the checkout
+test_adoption.follow({!r}, {!r})
+""".format
 
 
 def blocks(document, language):
@@ -159,9 +165,9 @@ class Adoption(unittest.TestCase):
         for document in ("README.md", "docs/integration.md"):
             for package in ("myhost", "org.team.host"):
                 with self.subTest(document, package=package):
-                    printed = self.execute(
-                        sys.executable, "-W", "error", "-c", FOLLOW(document, package),
-                        cwd=self.install(package), PYTHONPATH=str(hosts.CHECKOUT))
+                    program = FOLLOW(str(hosts.CHECKOUT), document, package)
+                    printed = self.execute(sys.executable, "-W", "error", "-c", program,
+                                           cwd=self.install(package))
         shown = [json.loads(block) for block in blocks(document, "json")]
         self.assertEqual(shape(json.loads(printed)), shape(shown))
 
