@@ -5,7 +5,6 @@
 
 import ast
 import asyncio
-import dataclasses
 import inspect
 import json
 import os
@@ -24,13 +23,9 @@ from . import hosts
 
 MODULE = Path(hosts.MODULE)
 STUB = hosts.CHECKOUT / "tool_handlers/health/health.pyi"
-FOLLOW = """
-import sys
-sys.path.append({!r})
-from tests import test_adoption
-sys.path.pop()  # so that the code can take nothing from the checkout
-test_adoption.follow({!r}, {!r})
-""".format
+# What a child runs; the documents' code itself can take nothing from the checkout.
+FOLLOW = ("import sys; sys.path.append({!r}); from tests import test_adoption; sys.path.pop();"
+          " test_adoption.follow({!r}, {!r})").format
 
 
 def blocks(document, language):
@@ -88,10 +83,9 @@ def facts(value):
     if inspect.isfunction(value):
         return str(inspect.signature(value)), inspect.cleandoc(value.__doc__ or "")
     if isinstance(value, type) and value.__module__.endswith(".health"):
-        members = [(name, facts(member)) for name, member in vars(value).items()
-                   if isinstance(member, (types.FunctionType, property))]
-        fields = dataclasses.fields(value) if dataclasses.is_dataclass(value) else ()
-        return inspect.getdoc(value), members, [(it.name, it.type, it.default) for it in fields]
+        return inspect.getdoc(value), [
+            (name, facts(member)) for name, member in vars(value).items()
+            if isinstance(member, (types.FunctionType, property))]
     return value
 
 
@@ -146,13 +140,12 @@ class Adoption(unittest.TestCase):
     def install(self, package):
         base = Path(self.enterContext(tempfile.TemporaryDirectory()))
         host = base.joinpath(*package.split("."))
-        left_out = shutil.ignore_patterns("health.*", "__pycache__")
-        shutil.copytree(hosts.CHECKOUT / "sample_host", host, ignore=left_out)
-        before = set(host.rglob("*"))
         command = "cmake", "--install", MODULE.parent, "--prefix", host
         self.execute(*command, LD_PRELOAD="", DESTDIR="")
-        installed = {host / "tool_handlers" / name for name in (MODULE.name, STUB.name)}
-        self.assertEqual(set(host.rglob("*")) - before, installed)
+        self.assertEqual(sorted(host.rglob("*.*")),
+                         [host / "tool_handlers" / name for name in (MODULE.name, STUB.name)])
+        left_out = shutil.ignore_patterns("health.*", "__pycache__")
+        shutil.copytree(hosts.CHECKOUT / "sample_host", host, ignore=left_out, dirs_exist_ok=True)
         return base
 
     def execute(self, *command, cwd=None, asked=None, **environment):
