@@ -35,8 +35,8 @@ class Commands(unittest.TestCase):
         (self.path / name).chmod(0o755)
 
     def run_script(self, status, *command):
-        ended = subprocess.run([f"script/{command[0]}", *command[1:]], cwd=self.checkout, text=True,
-                               env={"PATH": str(self.path)}, capture_output=True)
+        ended = subprocess.run(command, executable=self.checkout / "script" / command[0], text=True,
+                               cwd=self.path, env={"PATH": str(self.path)}, capture_output=True)
         self.assertEqual(ended.returncode, status, ended.stderr)
         return ended.stdout, ended.stderr
 
@@ -74,10 +74,12 @@ class Commands(unittest.TestCase):
         self.put("another", GOOD)
         cache = self.checkout / "build/release/CMakeCache.txt"
         cache.parent.mkdir(parents=True)
-        for home, reason in ((self.checkout, "cmake was asked: --preset release\n"),
-                             ("/an/older/place", "python3.13 is not on the PATH")):
-            named = f"Python_EXECUTABLE:FILEPATH={self.path}/another"
-            cache.write_text(f"CMAKE_HOME_DIRECTORY:INTERNAL={home}\n{named}\n")
+        named = f"Python_EXECUTABLE:FILEPATH={self.path}/another\n"
+        for home, rest, reason in (
+                (self.checkout, named, "cmake was asked: --preset release\n"),
+                (self.checkout, "", "python3.13 is not on the PATH"),  # its configuring failed
+                ("/an/older/place", named, "python3.13 is not on the PATH")):
+            cache.write_text(f"CMAKE_HOME_DIRECTORY:INTERNAL={home}\n{rest}")
             printed = self.bootstrap_fails(reason)
         self.assertIn("was made for the checkout in /an/older/place", printed)
         self.assertFalse(cache.exists())
@@ -102,8 +104,10 @@ class Wheel(unittest.TestCase):
         cmake_minimum_required(VERSION 3.25)
         project(myhost LANGUAGES CXX)
         set(CMAKE_BUILD_TYPE None)
-        add_subdirectory("{}" health)
-        if(TEST test_tracker OR TARGET floor OR CMAKE_INTERPROCEDURAL_OPTIMIZATION_RELEASE)
+        add_subdirectory("{0}" health)
+        get_directory_property(tests DIRECTORY "{0}" SUBDIRECTORIES)
+        get_target_property(linked_at_once health INTERPROCEDURAL_OPTIMIZATION_RELEASE)
+        if(tests OR linked_at_once OR TARGET floor)
             message(FATAL_ERROR "not the module alone")
         endif()"""
 
