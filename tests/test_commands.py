@@ -106,8 +106,9 @@ class Wheel(unittest.TestCase):
         set(CMAKE_BUILD_TYPE None)
         add_subdirectory("{0}" health)
         get_directory_property(tests DIRECTORY "{0}" SUBDIRECTORIES)
-        get_target_property(linked_at_once health INTERPROCEDURAL_OPTIMIZATION_RELEASE)
-        if(tests OR linked_at_once OR TARGET floor)
+        get_directory_property(linking DIRECTORY "{0}" DEFINITION
+            CMAKE_INTERPROCEDURAL_OPTIMIZATION_RELEASE)
+        if(tests OR linking OR TARGET floor)
             message(FATAL_ERROR "not the module alone")
         endif()"""
 
