@@ -34,7 +34,8 @@ faulthandler.cancel_dump_traceback_later()  # the tests' watchdog
 
 ACTIONS = 5
 SUMMARY_SIZES = [(20, 3), (200, 10), (1000, 5)]
-GROWTH = [(20, True), (100, True), (500, True), (5000, False)]  # tools of 5 keys each; whether plain Python is timed
+# Tools of 5 keys each, and whether plain Python is timed.
+GROWTH = [(20, True), (100, True), (500, True), (5000, False)]
 
 
 class NullDatabase:
@@ -75,11 +76,11 @@ class Side:
     def __init__(self, name, implementation):
         self.host = Host(name, implementation)
         self.health = self.host.health
-        self.health.TOOLS = {f"tool{i}": Tool(tuple(f"action{j}" for j in range(ACTIONS * 2))) for i in range(5000)}
+        actions = [f"action{j}" for j in range(ACTIONS * 2)]
+        self.health.TOOLS = {f"tool{i}": Tool(actions) for i in range(5000)}
+        times = {"avg_ms": 1.5, "p95_ms": 2.5, "min_ms": 0.5, "max_ms": 9.5}
         self.host.timings[:] = [
-            {"name": f"tool{i}", "count": i, "avg_ms": 1.5, "p95_ms": 2.5, "min_ms": 0.5, "max_ms": 9.5, "errors": 0}
-            for i in range(20)
-        ]
+            {"name": f"tool{i}", "count": i, **times, "errors": 0} for i in range(20)]
 
     def tracker(self, db=None):
         return self.health.ToolHealthTracker(SimpleNamespace(db=db or NullDatabase()))
@@ -88,9 +89,14 @@ class Side:
         """A tracker that has seen so many tools with so many usage keys each."""
         tracker = self.tracker(db)
         for i in range(tools):
-            tracker.record_error(f"tool{i}", "it broke") if i % 3 == 0 else tracker.record_success(f"tool{i}")
+            if i % 3 == 0:
+                tracker.record_error(f"tool{i}", "it broke")
+            else:
+                tracker.record_success(f"tool{i}")
             for j in range(keys):
-                tracker.record_call(f"tool{i}", f"action{j}", "ok", alias_hit=False, duration_ms=1.25 * j + i)
+                milliseconds = 1.25 * j + i
+                tracker.record_call(
+                    f"tool{i}", f"action{j}", "ok", alias_hit=False, duration_ms=milliseconds)
         return tracker
 
     def busy(self):
@@ -168,9 +174,10 @@ def check_equal(sides):
         tracker = side.busy()
         filled = side.filled(30, ACTIONS, db)
         answers.append(typed([
-            tracker.is_disabled("healthy"), tracker.is_disabled("failing"), tracker.is_disabled("unknown"),
-            tracker.has_unsaved_changes, filled.get_health_summary(), filled.flush(), filled.has_unsaved_changes,
-            db.rows, db.document, side.tracker(NullDatabase(db.rows, db.document)).get_health_summary(),
+            *map(tracker.is_disabled, ("healthy", "failing", "unknown")),
+            tracker.has_unsaved_changes, filled.get_health_summary(), filled.flush(),
+            filled.has_unsaved_changes, db.rows, db.document,
+            side.tracker(NullDatabase(db.rows, db.document)).get_health_summary(),
             side.health.thread_census_report(1), side.health.handle_get_tool_performance_stats(),
         ]))
         side.health.time = time
@@ -191,7 +198,8 @@ class Bench:
         row = name, *paired(plain, module, self.rounds(rounds))
         self.rows.append(row)
         scale, label = (1e9, "ns") if unit == 1e9 else (1e3, "ms")
-        print(f"{name:44} {row[1] * scale:10.1f} {row[2] * scale:10.1f} {label}  {row[3]:6.2f}", flush=True)
+        print(f"{name:44} {row[1] * scale:10.1f} {row[2] * scale:10.1f} {label}  {row[3]:6.2f}",
+              flush=True)
         return row
 
     def calls(self):
@@ -207,7 +215,8 @@ class Bench:
                 "tracker.record_call('healthy', 'text', 'ok', alias_hit=False, duration_ms=2.0)",
             "has_unsaved_changes": "tracker.has_unsaved_changes",
         }.items():
-            self.add(name, *(lambda t=t: seconds(statement, number, tracker=t) for t in trackers), 25)
+            runs = (lambda t=t: seconds(statement, number, tracker=t) for t in trackers)
+            self.add(name, *runs, 25)
             self.per_call.append(name)
         for name, statement in {
             "thread_census_report": "report(100, census)",
@@ -215,8 +224,9 @@ class Bench:
             "handle_get_tool_performance_stats, 20 tools": "stats()",
         }.items():
             census = ThreadCensus(90, 12, {"MainThread": 1, "pool": 11})
-            runs = (lambda h=s.health: seconds(statement, number // 10, report=h.thread_census_report, census=census,
-                                               stats=h.handle_get_tool_performance_stats)
+            runs = (lambda h=s.health: seconds(
+                        statement, number // 10, report=h.thread_census_report, census=census,
+                        stats=h.handle_get_tool_performance_stats)
                     for s in (self.plain, self.module))
             self.add(name, *runs, 25)
         if self.floor:
@@ -225,22 +235,28 @@ class Bench:
 
     def floors(self, tracker, number):
         """The module beside an empty operation and one that only locks, interleaved as well."""
-        floor_class = type("Floor", (), {"empty": self.floor.empty, "lock_only": self.floor.lock_only})
-        floor = floor_class()
+        operations = {"empty": self.floor.empty, "lock_only": self.floor.lock_only}
+        floor = type("Floor", (), operations)()
         floor._lock = threading.Lock()
-        healthy = lambda: seconds("tracker.is_disabled('healthy')", number, tracker=tracker)  # noqa: E731
+
+        def healthy():
+            return seconds("tracker.is_disabled('healthy')", number, tracker=tracker)
+
         for name, statement in (("empty operation", "floor.empty('healthy')"),
                                 ("lock-only operation", "floor.lock_only('healthy')")):
-            one, base, ratio = paired(healthy, lambda: seconds(statement, number, floor=floor), self.rounds(25))
-            print(f"{'floor: ' + name:44} {'':10} {base * 1e9:10.1f} ns  is_disabled (healthy) is {ratio:.2f} of it")
+            _, base, ratio = paired(
+                healthy, lambda: seconds(statement, number, floor=floor), self.rounds(25))
+            print(f"{'floor: ' + name:44} {'':10} {base * 1e9:10.1f} ns  "
+                  f"is_disabled (healthy) is {ratio:.2f} of it")
             self.rows.append((f"floor: {name}", None, base, ratio))
 
     def convoy(self, trackers, number):
         for label, tracker in zip(("plain Python", "module"), trackers):
-            many, one, ratio = paired(lambda: in_threads(tracker, number), lambda: in_threads(tracker, number, 1),
-                                      self.rounds(9))
-            print(f"{'four threads, ' + label:44} {many * 1e9:10.1f} {one * 1e9:10.1f} ns  {ratio:6.2f} "
-                  "of one thread's")
+            many, one, ratio = paired(
+                lambda: in_threads(tracker, number), lambda: in_threads(tracker, number, 1),
+                self.rounds(9))
+            print(f"{'four threads, ' + label:44} {many * 1e9:10.1f} {one * 1e9:10.1f} ns  "
+                  f"{ratio:6.2f} of one thread's")
             self.rows.append((f"four threads, {label}", many, one, ratio))
 
     def summaries(self):
@@ -248,25 +264,31 @@ class Bench:
         for tools, keys in [(20, 3)] if self.quick else SUMMARY_SIZES:
             number = max(1, 400 // tools)
             self.add(f"get_health_summary, {tools:,} tools x {keys} keys",
-                     *(lambda t=s.filled(tools, keys): seconds("t.get_health_summary()", number, t=t)
+                     *(lambda t=s.filled(tools, keys): seconds(
+                         "t.get_health_summary()", number, t=t)
                        for s in (self.plain, self.module)), 5 if tools > 200 else 15, 1e3)
         if self.quick:
             return []
         growth = [self.module.filled(tools, ACTIONS) for tools, _ in GROWTH]
         large, small, ratio = paired(*(lambda t=t: seconds("t.get_health_summary()", 3, t=t)
                                        for t in (growth[-1], growth[-2])), 15)
-        print(f"{'get_health_summary, 5,000 x 5 beside 500 x 5':44} {large * 1e3:10.2f} {small * 1e3:10.2f} ms "
-              f" {ratio:6.2f} times the time")
-        self.rows.append(("get_health_summary, 5,000 x 5 beside 500 x 5", large, small, ratio))
+        name = "get_health_summary, 5,000 x 5 beside 500 x 5"
+        print(f"{name:44} {large * 1e3:10.2f} {small * 1e3:10.2f} ms  {ratio:6.2f} times the time")
+        self.rows.append((name, large, small, ratio))
         plain = [self.plain.filled(tools, ACTIONS) if timed else None for tools, timed in GROWTH]
-        return [(tools, slow and min(seconds("t.get_health_summary()", 1, t=slow) for _ in range(5)),
-                 min(seconds("t.get_health_summary()", 1, t=fast) for _ in range(9)))
+
+        def best(tracker, runs):
+            return min(seconds("t.get_health_summary()", 1, t=tracker) for _ in range(runs))
+
+        return [(tools, slow and best(slow, 5), best(fast, 9))
                 for (tools, _), slow, fast in zip(GROWTH, plain, growth)]
 
     def history(self):
         sides = self.plain, self.module
-        self.add("flush, 1,000 rows and 5,000 entries", *(lambda s=s: flush_seconds(s) for s in sides), 15, 1e3)
-        self.add("  of that with the lock held", *(lambda s=s: held_by_flush(s) for s in sides), 15, 1e3)
+        self.add("flush, 1,000 rows and 5,000 entries",
+                 *(lambda s=s: flush_seconds(s) for s in sides), 15, 1e3)
+        self.add("  of that with the lock held",
+                 *(lambda s=s: held_by_flush(s) for s in sides), 15, 1e3)
         source = NullDatabase()
         self.plain.filled(1000, ACTIONS, source).flush()
         stored = NullDatabase(source.rows, source.document)
@@ -275,8 +297,8 @@ class Bench:
 
     def memory(self):
         plain, module = memory_of(self.plain), memory_of(self.module)
-        print(f"{'memory, 1,000 tools and 5,000 keys':44} {plain / 1024:10.0f} {module / 1024:10.0f} KiB "
-              f"{plain / module:6.2f}")
+        print(f"{'memory, 1,000 tools and 5,000 keys':44} {plain / 1024:10.0f} "
+              f"{module / 1024:10.0f} KiB {plain / module:6.2f}")
         self.rows.append(("memory, KiB", plain / 1024, module / 1024, plain / module))
 
 
@@ -291,8 +313,10 @@ def load_floor():
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--quick", action="store_true", help="few rounds: the check that both sides agree, mostly")
+    parser = argparse.ArgumentParser(
+        description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--quick", action="store_true",
+                        help="few rounds: the check that both sides agree, mostly")
     parser.add_argument("--json", type=Path, help="write the figures to this file")
     parser.add_argument("--svg", type=Path, help="draw the picture into this file")
     options = parser.parse_args()
@@ -300,7 +324,8 @@ def main():
         parser.error("a quick run has too few figures for the picture")
     sides = Side("plainhost", PLAIN), Side("modulehost", None)
     check_equal(sides)
-    print(f"{platform.python_implementation()} {platform.python_version()}, {os.cpu_count()} x {platform.machine()}\n")
+    python = f"{platform.python_implementation()} {platform.python_version()}"
+    print(f"{python}, {os.cpu_count()} x {platform.machine()}\n")
     print(f"{'per call':44} {'plain':>10} {'module':>10}      ratio")
     bench = Bench(sides, load_floor(), options.quick)
     bench.calls()

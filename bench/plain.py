@@ -112,7 +112,8 @@ class ToolHealthTracker:
 
     def _load_usage(self) -> None:
         try:
-            row = self._repo.db.fetchone("SELECT value FROM schema_info WHERE key = ?", (TOOL_USAGE_KEY,))
+            row = self._repo.db.fetchone(
+                "SELECT value FROM schema_info WHERE key = ?", (TOOL_USAGE_KEY,))
             saved = []
             if row is not None:
                 value = row[0]
@@ -120,8 +121,10 @@ class ToolHealthTracker:
                     saved = json.loads(value)
             loaded = {}
             for item in saved:
-                key = (str(item["tool"]), item["action"], str(item["outcome"]), bool(item["alias_hit"]))
-                loaded[key] = _Usage(int(item["calls"]), int(item["timed_calls"]), float(item["total_ms"]))
+                key = (str(item["tool"]), item["action"], str(item["outcome"]),
+                       bool(item["alias_hit"]))
+                loaded[key] = _Usage(
+                    int(item["calls"]), int(item["timed_calls"]), float(item["total_ms"]))
         except Exception as error:
             logger.warning("Could not read the tool usage counts: %s", error)
             return
@@ -131,7 +134,8 @@ class ToolHealthTracker:
             self._usage_dirty = len(kept) != len(loaded)
 
     def record_call(
-        self, tool_name: str, action: str | None, outcome: str, *, alias_hit: bool, duration_ms: float | None
+        self, tool_name: str, action: str | None, outcome: str,
+        *, alias_hit: bool, duration_ms: float | None
     ) -> None:
         with self._lock:
             key = (tool_name, action, outcome, alias_hit)
@@ -217,13 +221,15 @@ class ToolHealthTracker:
                 "outcome": outcome,
                 "alias_hit": alias_hit,
                 "calls": usage.calls,
-                "avg_ms": round(usage.total_ms / usage.timed_calls, 2) if usage.timed_calls else None,
+                "avg_ms":
+                    round(usage.total_ms / usage.timed_calls, 2) if usage.timed_calls else None,
                 "slow": is_slow_call(tool_name, action),
             }
             for (tool, action, outcome, alias_hit), usage in self._usage.items()
             if tool == tool_name
         ]
-        rows.sort(key=lambda row: (-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"]))
+        rows.sort(key=lambda row: (
+            -row["calls"], str(row["action"]), row["outcome"], row["alias_hit"]))
         return rows
 
     @property
@@ -255,8 +261,8 @@ class ToolHealthTracker:
         try:
             document = json.dumps(saved, separators=(",", ":"))
             self._repo.db.execute(
-                "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)", (TOOL_USAGE_KEY, document)
-            )
+                "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
+                (TOOL_USAGE_KEY, document))
         except Exception:
             with self._lock:
                 self._usage_dirty = True
@@ -302,7 +308,9 @@ class ToolHealthTracker:
 
 def handle_get_tool_performance_stats() -> dict[str, Any]:
     fields = ("name", "count", "avg_ms", "p95_ms", "min_ms", "max_ms", "errors")
-    return {"tools": [{field: stats[field] for field in fields} for stats in get_timing_collector().get_all_stats()]}
+    return {"tools": [
+        {field: stats[field] for field in fields}
+        for stats in get_timing_collector().get_all_stats()]}
 
 
 def thread_census_report(budget: int, census: ThreadCensus | None = None) -> dict[str, Any]:
@@ -319,8 +327,8 @@ def thread_census_report(budget: int, census: ThreadCensus | None = None) -> dic
         counted = report["python"]
     if counted > budget:
         report["warning"] = (
-            f"The process holds {counted} threads, more than the {budget} its pools allow: threads are piling up."
-            " A thread that ran the local embedding model keeps a team of torch threads, as many as"
-            " KAVRIN_EMBED_THREADS allows (0 leaves torch's own size)."
+            f"The process holds {counted} threads, more than the {budget} its pools allow:"
+            " threads are piling up. A thread that ran the local embedding model keeps a team of"
+            " torch threads, as many as KAVRIN_EMBED_THREADS allows (0 leaves torch's own size)."
         )
     return report

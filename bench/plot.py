@@ -9,11 +9,13 @@ WIDTH, ROW, LEFT, BAR = 860, 44, 250, 15
 
 
 def _text(x, y, text, anchor="start", size=13):
-    return f'<text x="{x:.0f}" y="{y:.0f}" text-anchor="{anchor}" font-size="{size}" fill="{TEXT}">{text}</text>'
+    place = f'x="{x:.0f}" y="{y:.0f}" text-anchor="{anchor}"'
+    return f'<text {place} font-size="{size}" fill="{TEXT}">{text}</text>'
 
 
 def _bar(x, y, width, fill):
-    return f'<rect x="{x:.0f}" y="{y:.0f}" width="{max(width, 1):.0f}" height="{BAR}" fill="{fill}"/>'
+    size = f'width="{max(width, 1):.0f}" height="{BAR}"'
+    return f'<rect x="{x:.0f}" y="{y:.0f}" {size} fill="{fill}"/>'
 
 
 def _calls(rows, top):
@@ -24,8 +26,8 @@ def _calls(rows, top):
         yield _text(LEFT - 10, y + 20, name, "end")
         for offset, seconds, fill in ((0, plain, PLAIN), (BAR + 1, module, MODULE)):
             yield _bar(LEFT, y + offset, seconds * scale, fill)
-            note = f"  ({ratio:.1f} x)" if fill == MODULE else ""
-            yield _text(LEFT + seconds * scale + 6, y + offset + 12, f"{seconds * 1e9:.0f} ns{note}", size=12)
+            note = f"{seconds * 1e9:.0f} ns" + (f"  ({ratio:.1f} x)" if fill == MODULE else "")
+            yield _text(LEFT + seconds * scale + 6, y + offset + 12, note, size=12)
 
 
 def _summary(points, top, height):
@@ -41,7 +43,8 @@ def _summary(points, top, height):
     for power in range(-5, 1):
         if low <= power <= high:
             _, y = at(points[0][0], 10 ** power)
-            yield f'<line x1="{LEFT}" x2="{WIDTH - 110}" y1="{y:.0f}" y2="{y:.0f}" stroke="{GRID}"/>'
+            ends = f'x1="{LEFT}" x2="{WIDTH - 110}" y1="{y:.0f}" y2="{y:.0f}"'
+            yield f'<line {ends} stroke="{GRID}"/>'
             yield _text(LEFT - 10, y + 4, f"{10 ** power * 1e3:g} ms", "end", 12)
     for which, fill in ((1, PLAIN), (2, MODULE)):
         line = [at(point[0], point[which]) for point in points if point[which]]
@@ -73,11 +76,13 @@ def draw(path, rows, points, served):
     top, height = 60, 220
     calls = top + len(served) * 28 + 50
     below = calls + len(rows) * ROW + 60
-    parts = [_text(20, 30, "The slowest of a client's calls in 8 s, 16 at once", size=16), *_served(served, top),
-             _text(20, calls - 20, "Cost of a call: plain Python (grey) and the module (blue)", size=16),
-             *_calls(rows, calls),
-             _text(20, below - 20, "get_health_summary as tools grow, 5 usage keys a tool", size=16),
-             *_summary(points, below, height)]
+    parts = [
+        _text(20, 30, "The slowest of a client's calls in 8 s, 16 at once", size=16),
+        *_served(served, top),
+        _text(20, calls - 20, "Cost of a call: plain Python (grey) and the module (blue)", size=16),
+        *_calls(rows, calls),
+        _text(20, below - 20, "get_health_summary as tools grow, 5 usage keys a tool", size=16),
+        *_summary(points, below, height)]
     total = below + height + 50
     size = f'width="{WIDTH}" height="{total}"'
     path.write_text(f'<svg xmlns="http://www.w3.org/2000/svg" {size} font-family="sans-serif">'

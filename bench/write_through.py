@@ -1,4 +1,4 @@
-"""The sample host as it would be without memory: every report is written to the database at once."""
+"""The sample host as it would be without memory: each report is written to the database at once."""
 
 import contextlib
 import sqlite3
