@@ -67,10 +67,9 @@ def end_in_use():
 def end_with_daemon_threads():
     host = hosts.Host()
     host.health.is_slow_call = lambda tool, action: time.sleep(0.001)
-    free, held = host.tracker(limits=hosts.ToolsConfig(1, 0.0)), host.tracker()
-    for database in host.databases:  # without SQLite, and without the check of the lock
-        database.answers = {"fetchall": (), "fetchone": None, "execute": None, "executemany": None}
-        database.tracker = None
+    database = hosts.Database(fetchall=(), fetchone=None, execute=None, executemany=None)
+    free, held = host.tracker(database, hosts.ToolsConfig(1, 0.0)), host.tracker(database)
+    database.tracker = None  # or it would see a lock that another thread holds
     held._lock.acquire()
     sys.setswitchinterval(1e-5)
     for operation in operations(host.health, free) + operations(host.health, held):

@@ -7,14 +7,14 @@ For example, an import fails with the very words of the import statement that st
     ImportError: cannot import name 'ToolsConfig' from 'host.config' (unknown location)
 """
 
+import dataclasses
 import itertools
 import sys
-import types
 import unittest
 from unittest import mock
 
 from . import HealthCase, hosts
-from .worlds import TwinCase
+from .worlds import TwinCase, put
 
 STANDARD = [
     "import json",
@@ -127,22 +127,32 @@ class Imports(unittest.TestCase):
             self.assertRaises(OSError, host.load, enter=False)
         self.assertNotIn(host.full_name, sys.modules)
 
-    def test_records_that_are_no_dataclasses(self):
-        """Whatever decorator is found makes the records, and they are used as they come."""
-        def plain(slots):
-            return lambda cls: cls
+    # Whatever the decorator makes of the records is used as it comes.
+    def test_other_decorators(self):
+        def slotted(record, **members):
+            return put(usual(slots=True)(record), **members)
 
-        def watching(slots):
-            return lambda cls: type(cls.__name__, (), {"__getattribute__": read, "__slots__": (
-                *cls.__annotations__,), "__init__": lambda self: self.fill(cls)})
+        def watched(record, name):
+            return 7 if name == "call_count" else object.__getattribute__(record, name)
 
-        def calls_of(decorator):
-            with mock.patch("dataclasses.dataclass", decorator), hosts.Host("other") as host:
-                tracker = host.tracker()
-                tracker.record_success("a")
-                return tracker._state["a"].call_count, len(tracker.get_health_summary())
+        def told(implementation, decorate):
+            with mock.patch("dataclasses.dataclass", lambda slots: decorate):
+                with hosts.Host("decorated", implementation) as host:
+                    tracker = host.tracker()
+                    return [hosts.outcome(run) for run in (
+                        lambda: tracker.record_success("a"), lambda: tracker.get_health_summary(),
+                        lambda: tracker._state["a"].call_count)]
 
-        self.assertEqual(calls_of(plain), (1, 1))
+        usual = dataclasses.dataclass
+        for decorate in (
+                lambda record: record,
+                lambda record: slotted(record, __getattribute__=watched),
+                lambda record: slotted(record, __setattr__=lambda record, name, value: None),
+                lambda record: slotted(record, __new__=lambda cls, **values: None),
+                lambda record: slotted(record, call_count=property(lambda record: 5)),
+                lambda record: type("Own", (slotted(record),), {"__init__": lambda record: None}),
+                lambda record: lambda: slotted(record)()):
+            self.assertEqual(told(hosts.MODULE, decorate), told(hosts.PLAIN, decorate))
 
 
 class Copies(HealthCase):
