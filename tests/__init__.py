@@ -6,9 +6,8 @@ from . import hosts
 faulthandler.dump_traceback_later(280, exit=True)  # a dead-lock shows where it is before CTest ends the test
 
 
+# A host package of its own for each test, its module on a scripted clock.
 class HealthCase(unittest.TestCase):
-    """A host package of its own for each test, its module on a scripted clock."""
-
     def setUp(self):
         self.host = self.enterContext(hosts.Host())
         self.health = self.host.health

@@ -1,4 +1,4 @@
-"""How a host takes the module in: its types, its help, its installation and the documents' code."""
+# How a host takes the module in: its types, its help, its installation and the documents' code.
 # The documents' code runs in a child process, beside a host that the module was installed into.
 # For example, `follow_the_guide` lets a tool fail as often as the guide's settings allow: its
 # guarded call has to refuse the next one, and after the cooldown to let one in before all others.

@@ -1,13 +1,12 @@
-"""Random programs on the module and on its plain-Python twin: no step may differ.
-
-A program is forty statements as text, so that one that differs can be shown, cut down to the steps
-that the difference needs. Words in capitals stand for values drawn from a pool. For example
-
-    tracker.record_error(NAME, ERROR)
-
-becomes `tracker.record_error('zz', 'x'*501)`. FUZZ_FIRST and FUZZ_COUNT in the environment choose
-the seeds.
-"""
+# Random programs on the module and on its plain-Python twin: no step may differ.
+#
+# A program is forty statements as text, so that one that differs can be shown, cut down to the
+# steps that the difference needs. Words in capitals stand for values drawn from a pool. For example
+#
+#     tracker.record_error(NAME, ERROR)
+#
+# becomes `tracker.record_error('zz', 'x'*501)`. FUZZ_FIRST and FUZZ_COUNT in the environment choose
+# the seeds.
 
 import os
 import random
@@ -76,14 +75,13 @@ POOLS = {  # the first half of each is what is usual
 WORD = re.compile(rf"\b(?:{'|'.join(POOLS)})\b")
 
 
+# A foreign object: no number, no text, not hashable, with only the attributes it is given.
 class Odd(types.SimpleNamespace):
-    """A foreign object: no number, no text, not hashable, with only the attributes it is given."""
-
     __eq__ = None
 
 
+# The steps of a seed; those of an even one are without the hostile ones.
 def program(seed):
-    """The steps of a seed; those of an even one are without the hostile ones."""
     dice, steps = random.Random(seed), []
     while len(steps) < 40:
         step = dice.choice(HOSTILE if seed % 2 and dice.random() < 0.2 else USUAL)
@@ -96,8 +94,8 @@ def program(seed):
     return steps
 
 
+# What can be seen after each step.
 def trace(world, steps):
-    """What can be seen after each step."""
     world.reset()
     names = {"nan": float("nan"), "inf": float("inf"), "Odd": Odd, "hosts": hosts}
     names |= {name: getattr(world, name) for name in ("health", "tracker", "clock", "limits", "db")}

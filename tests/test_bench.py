@@ -1,4 +1,4 @@
-"""The benchmark runs, briefly, and finds that both of its sides give the same answers."""
+# The benchmark runs, briefly, and finds that both of its sides give the same answers.
 
 import subprocess
 import sys

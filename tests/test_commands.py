@@ -1,4 +1,4 @@
-"""The commands that a newcomer types first, where something is missing or wrong."""
+# The commands that a newcomer types first, where something is missing or wrong.
 # Each runs with a PATH that holds only what the test puts there: links to a few tools, and shell
 # scripts in the place of others. For example, with a `python3.13` that says that it is 3.12.1
 # `script/bootstrap` has to name its path, its version and the option that names another one.

@@ -1,12 +1,11 @@
-"""Foreign code that runs inside an operation and misbehaves there: the module does what plain
-Python does.
-
-Every place where an operation runs foreign code is combined with every mischief and every operation
-that gets there. For example, the call count of a record is a number of somebody's own (the place),
-which clears the tracker's state when one is added to it (the mischief) in `record_success` (the
-operation): what comes out, what is left in the tracker, what was asked for in which order, with the
-lock held or not, must be the same as with plain Python.
-"""
+# Foreign code that runs inside an operation and misbehaves there: the module does what plain Python
+# does.
+#
+# Every place where an operation runs foreign code is combined with every mischief and every
+# operation that gets there. For example, the call count of a record is a number of somebody's own
+# (the place), which clears the tracker's state when one is added to it (the mischief) in
+# `record_success` (the operation): what comes out, what is left in the tracker, what was asked for
+# in which order, with the lock held or not, must be the same as with plain Python.
 
 import collections
 import functools
@@ -154,8 +153,8 @@ def raise_it(error):
     raise error
 
 
+# A subclass whose attribute access tells what is read and written, and reads twice.
 def watched(world):
-    """A subclass whose attribute access tells what is read and written, and reads twice."""
     def read(tracker, name):
         world.log.append(name)
         return [object.__getattribute__(tracker, name) for _ in range(2)][1]
@@ -167,9 +166,8 @@ def watched(world):
     return type("Watched", (world.tracker_class,), {"__getattribute__": read, "__setattr__": write})
 
 
+# A lock with a will of its own.
 class Lock:
-    """A lock with a will of its own."""
-
     def __init__(self, verdict=None, at_enter=None, at_exit=None):
         self.verdict, self.at_enter, self.at_exit, self.held = verdict, at_enter, at_exit, 0
 
@@ -196,9 +194,8 @@ LOCKS = [  # and the mischiefs that are tried with a lock of that kind
 ]
 
 
+# Stands for a value; asked for anything, it first does its mischief.
 class Evil:
-    """Stands for a value; asked for anything, it first does its mischief."""
-
     def __init__(self, act, value):
         object.__setattr__(self, "act", act)
         object.__setattr__(self, "stands_for", value)
@@ -240,9 +237,9 @@ for name in ("add", "sub", "truediv"):
 Evil.__exit__ = evil_method("exit", leave)
 
 
+# A subclass of a builtin class with methods of its own: each first does its mischief.
 @functools.cache
 def evil_subclass(kind):
-    """A subclass of a builtin class with methods of its own: each first does its mischief."""
     def overriding(name):
         def method(value, *others, **named):
             value.act(name)
@@ -254,17 +251,17 @@ def evil_subclass(kind):
     return type(f"Evil{kind.__name__}", (kind,), {name: overriding(name) for name in own})
 
 
+# The value as an instance of such a subclass.
 def evil_value(act, value):
-    """The value as an instance of such a subclass."""
     if type(value) not in (dict, set, list, tuple, str, int, float):
         raise TypeError("only for values of builtin classes")
     return put(evil_subclass(type(value))(value), act=act)
 
 
 class Hostile(TwinCase):
+    # A case in which `place` prepares the world, and then evil objects do mischief in the
+    # operation.
     def case(self, place, mischief, operation, kind, lock):
-        """A case in which `place` prepares the world, and then evil objects do mischief in the
-        operation."""
         def run(world, health):
             is_on = False  # of this case: an object that dies later does nothing to the next one
 
@@ -300,8 +297,8 @@ class Hostile(TwinCase):
                 is_on = False
         return run
 
+    # The same in these operations; returns those in which an evil object was asked.
     def assertSameIn(self, operations, place, mischief, kind=Evil, lock=threading.Lock, **about):
-        """The same in these operations; returns those in which an evil object was asked."""
         reached = []
         for operation in operations:
             if mischief in NOT_IN_A_SUMMARY and "get_health_summary" in source(operation):
@@ -312,8 +309,8 @@ class Hostile(TwinCase):
                 reached.append(operation)
         return reached
 
+    # Every place by a name: a function that puts an evil object there.
     def places(self):
-        """Every place by a name: a function that puts an evil object there."""
         for holder, names in PLACES.items():
             for name in names:
                 yield f"{holder}.{name}", lambda world, holder=holder, name=name: put(
@@ -334,8 +331,8 @@ class Hostile(TwinCase):
                 for mischief in mischiefs:
                     self.assertSameIn(reached, place, mischief, lock=lock, **about)
 
+    # What is asked in which order, where everything is somebody's own.
     def test_everything_at_once(self):
-        """What is asked in which order, where everything is somebody's own."""
         def everything(world):
             for name, place in self.places():
                 if "." in name:

@@ -1,4 +1,4 @@
-"""Several interpreters, and the end of one: scenes that child processes play without a word."""
+# Several interpreters, and the end of one: scenes that child processes play without a word.
 # The table SCENES names them all. For example, "subinterpreter while in use" loads the module, then
 # loads and uses a copy in a subinterpreter, ends that one, and uses its own. Afterwards the process
 # has to end by itself, with status 0 and nothing printed.

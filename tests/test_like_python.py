@@ -1,11 +1,10 @@
-"""The module can not be told from plain Python: its functions, classes and records, the objects that
-it meets, the names that it looks up, and the stored forms.
-
-Each line of a table is a case for both, see worlds.py. For example, a registry that is a dictionary
-with a `get` of its own has to be asked by that:
-
-    lambda tracker, health: put(health, TOOLS=Registry(health.TOOLS)) and health._known("z", None)
-"""
+# The module can not be told from plain Python: its functions, classes and records, the objects that
+# it meets, the names that it looks up, and the stored forms.
+#
+# Each line of a table is a case for both, see worlds.py. For example, a registry that is a
+# dictionary with a `get` of its own has to be asked by that:
+#
+#     lambda tracker, health: put(health, TOOLS=Registry(health.TOOLS)) and health._known("z", None)
 
 import builtins
 import collections
@@ -257,21 +256,20 @@ class Text(str):
     """A text that is no plain one, and not interned."""
 
 
+# A module that finds its attributes in its own way.
 class OwnModule(Module):
-    """A module that finds its attributes in its own way."""
-
     def __getattribute__(self, name):
         return lambda: 7.0
 
 
+# Gives these items, and then fails.
 def failing(*items):
-    """Gives these items, and then fails."""
     yield from items
     raise OSError("broken half-way")
 
 
+# The function behind a name: of the module, of the class, or of a property.
 def operation(world, name):
-    """The function behind a name: of the module, of the class, or of a property."""
     member = getattr(world.health, name, None) or vars(world.tracker_class)[name]
     return getattr(member, "fget", member)
 
@@ -292,8 +290,8 @@ class LikePython(TwinCase):
                 return operation(world, name)(*(first + ["a"] * 6)[:count], **keywords)
             self.assertSame(call, name=name, count=count, keywords=keywords)
 
+    # Each name is looked up when it is used, in the module and then in the builtins.
     def test_late_binding(self):
-        """Each name is looked up when it is used, in the module and then in the builtins."""
         for name, run in itertools.product(vars(self.module.health).keys() - dir(types), OPERATIONS):
             def without(world, health):
                 vars(health).pop(name)

@@ -1,11 +1,10 @@
-"""The module as a whole: what its import needs and says, copies beside each other, and call sites
-that the interpreter has specialised.
-
-For example, an import fails with the very words of the import statement that stands for it:
-
-    from host.config import ToolsConfig     # no such name
-    ImportError: cannot import name 'ToolsConfig' from 'host.config' (unknown location)
-"""
+# The module as a whole: what its import needs and says, copies beside each other, and call sites
+# that the interpreter has specialised.
+#
+# For example, an import fails with the very words of the import statement that stands for it:
+#
+#     from host.config import ToolsConfig     # no such name
+#     ImportError: cannot import name 'ToolsConfig' from 'host.config' (unknown location)
 
 import dataclasses
 import itertools
@@ -68,14 +67,14 @@ HOT = [
 ]
 
 
+# Give the name another one, and set the attributes.
 def put_aside(module, name, **attributes):
-    """Give the name another one, and set the attributes."""
     vars(module).update(attributes, put_aside=vars(module).pop(name))
 
 
 class Imports(unittest.TestCase):
+    # Importing the module fails as the statement does, or binds what that binds.
     def check(self, host, statement):
-        """Importing the module fails as the statement does, or binds what that binds."""
         def told(error):
             return type(error), str(error), *(getattr(error, fact, None) for fact in (
                 "name", "path", "name_from"))
@@ -100,8 +99,8 @@ class Imports(unittest.TestCase):
                         damage(sys.modules[module], name)
                         self.check(host, service.format(package))
 
+    # What stands first fails first, when everything from there on is missing.
     def test_order(self):
-        """What stands first fails first, when everything from there on is missing."""
         order = [statement.format("host") for statement in STANDARD + SERVICES]
         for at, statement in enumerate(order):
             missing = dict.fromkeys(later.split()[1] for later in order[at:])
@@ -118,8 +117,8 @@ class Imports(unittest.TestCase):
             self.assertEqual(str(caught.exception), f"{name!r} must be a submodule of the"
                              " 'tool_handlers' package of a host package")
 
+    # Without an entry in sys.modules the module loads, and leaves none; nor does a failure.
     def test_loaded_by_path(self):
-        """Without an entry in sys.modules the module loads, and leaves none; nor does a failure."""
         host = self.enterContext(hosts.Host("by.path", load=False))
         module = host.load(enter=False)
         self.assertEqual((module._Usage(3).calls, host.full_name in sys.modules), (3, False))
@@ -184,8 +183,8 @@ class Copies(HealthCase):
 
 
 class CallSites(TwinCase):
+    # The interpreter's specialisation of a call site changes no answer and outlives no change.
     def test_hot_call_sites(self):
-        """The interpreter's specialisation of a call site changes no answer and outlives no change."""
         for expression, change in HOT:
             def run(world, health, tracker, tracker_class):
                 names = {"health": health, "tracker": tracker, "Tracker": tracker_class, "seen": [],

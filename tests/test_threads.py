@@ -1,4 +1,4 @@
-"""Eight threads at once on one tracker, with a real database that fails now and then."""
+# Eight threads at once on one tracker, with a real database that fails now and then.
 
 import contextlib
 import faulthandler
@@ -22,8 +22,8 @@ class Threads(HealthCase):
         sys.setswitchinterval(1e-6)
         faulthandler.dump_traceback_later(120, exit=True)
 
+    # Run all at once to their ends, and raise what any of them raised.
     def together(self, *works):
-        """Run all at once to their ends, and raise what any of them raised."""
         gate, errors = threading.Barrier(len(works)), []
 
         def run(work):

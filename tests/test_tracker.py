@@ -1,13 +1,12 @@
-"""What a tracker is for, by example: disabling and the cooldown, counting, the summary, and a history
-that outlives restarts and failing databases.
-
-The expected values stand here as such; the other tests compare with plain Python. For example, three
-errors in a row disable a tool, until 60 seconds later somebody asks for it:
-
-    tracker.record_error("a", "E")      # three times, at the second 0
-    tracker.is_disabled("a")            # (True, "E") up to the second 59.999
-    tracker.is_disabled("a")            # (False, None) at the second 60
-"""
+# What a tracker is for, by example: disabling and the cooldown, counting, the summary, and a
+# history that outlives restarts and failing databases.
+#
+# The expected values stand here as such; the other tests compare with plain Python. For example,
+# three errors in a row disable a tool, until 60 seconds later somebody asks for it:
+#
+#     tracker.record_error("a", "E")      # three times, at the second 0
+#     tracker.is_disabled("a")            # (True, "E") up to the second 59.999
+#     tracker.is_disabled("a")            # (False, None) at the second 60
 
 import dataclasses
 import json
@@ -77,8 +76,8 @@ class Calls(HealthCase):
             ("a", None, "ok", True): usage(1, 1, 2.0)})
         self.assertEqual((tracker._state, tracker._usage_dirty), ({}, True))
 
+    # Most errors first, then most calls; most calls first, then by the texts of the key.
     def test_summary(self):
-        """Most errors first, then most calls; most calls first, then by the texts of the key."""
         tracker, state = self.host.tracker(limits=hosts.ToolsConfig(3, 5)), self.health._ToolState
         tracker._state |= {"few": state(10, 2), "gamma": state(100, 0), "many": state(50, 2),
                            "alike": state(100, 0)}
@@ -142,8 +141,8 @@ class History(HealthCase):
                 '"timed_calls":1,"total_ms":0.062},{"tool":"a","action":"text","outcome":"ok",'
                 '"alias_hit":true,"calls":1,"timed_calls":1,"total_ms":3.0}]')))])
 
+    # An error puts the marks back; what is no Exception, an interrupt, does not.
     def test_failed_writes(self):
-        """An error puts the marks back; what is no Exception, an interrupt, does not."""
         for method, error, names, usage_dirty in (
                 ("executemany", OSError(), {*"abc"}, True),
                 ("executemany", KeyboardInterrupt(), set(), True),
@@ -161,8 +160,8 @@ class History(HealthCase):
                 answers[method] = works
                 self.assertEqual(tracker.flush(), len(names) + 2 * usage_dirty)
 
+    # A database that calls back into the tracker, and another thread: no wait, no mark lost.
     def test_changes_during_a_flush(self):
-        """A database that calls back into the tracker, and another thread: no wait, no mark lost."""
         def busy(*_):
             for work in (lambda: self.fill(tracker), tracker.get_health_summary):
                 thread = threading.Thread(target=work, daemon=True)
@@ -176,8 +175,8 @@ class History(HealthCase):
         tracker._repo.db.answers.update(executemany=busy, execute=busy)
         self.assertEqual((tracker.flush(), tracker._dirty, tracker._usage_dirty), (5, {*"abc"}, True))
 
+    # Whichever statement fails, nothing counted is lost, and a tool that is gone stays gone.
     def test_restart_after_each_statement_failed(self):
-        """Whichever statement fails, nothing counted is lost, and a tool that is gone stays gone."""
         entry = {"tool": "a", "action": None, "outcome": "ok", "alias_hit": False, "calls": 3,
                  "timed_calls": 2, "total_ms": 12.5}
         for fail_at in range(8):

@@ -1,14 +1,14 @@
-"""The same case in two worlds, that of the module and that of its plain-Python twin: everything that
-can be seen of it must be the same.
-
-A case is a function, and what its parameters name is taken from the world: the module as `health`,
-a tracker with a history as `tracker`, its class, its settings, its clock, and so on. For example
-
-    lambda tracker, clock: (put(clock, now=5), tracker.record_success("a"))
-
-is compared in what it returns or raises and in what it leaves behind: the tracker's fields, whether
-its lock is free, the database calls, the warnings, and how often the clock was read.
-"""
+# The same case in two worlds, that of the module and that of its plain-Python twin: everything that
+# can be seen of it must be the same.
+#
+# A case is a function, and what its parameters name is taken from the world: the module as
+# `health`, a tracker with a history as `tracker`, its class, its settings, its clock, and so on.
+# For example
+#
+#     lambda tracker, clock: (put(clock, now=5), tracker.record_success("a"))
+#
+# is compared in what it returns or raises and in what it leaves behind: the tracker's fields,
+# whether its lock is free, the database calls, the warnings, and how often the clock was read.
 
 import json
 import linecache
@@ -54,10 +54,9 @@ OPERATIONS = [
 OWN = re.compile(r"0x[0-9a-f]+|id='[0-9]+'|<module .*?>|\b(?:module|plain)_world\b")
 
 
+# A host whose services are scripted. Tool "a" has failed once, "b" is from the stored history,
+# and "off" is disabled; a call that may be slow is counted under KEY.
 class World(hosts.Host):
-    """A host whose services are scripted. Tool "a" has failed once, "b" is from the stored history,
-    and "off" is disabled; a call that may be slow is counted under KEY."""
-
     def __init__(self, name, implementation):
         super().__init__(name, implementation)
         self.world = self
@@ -69,19 +68,21 @@ class World(hosts.Host):
         self.patched = (health, self.tracker_class, health._ToolState, health._Usage)
         self.original = [dict(vars(space)) for space in self.patched]
 
+    # One more copy of the module.
     @property
     def copy(self):
-        """One more copy of the module."""
         return self.load(enter=False)
 
-    def call(self, function):
-        """Call a function with those things of this world that its parameters name, those without
-        a default."""
+    # Those things of this world that a function's parameters name, if they have no default.
+    def arguments(self, function):
         wanted = function.__code__.co_argcount - len(function.__defaults__ or ())
-        return function(*[getattr(self, name) for name in function.__code__.co_varnames[:wanted]])
+        return [getattr(self, name) for name in function.__code__.co_varnames[:wanted]]
 
+    def call(self, function):
+        return function(*self.arguments(function))
+
+    # Make everything anew, whatever has been patched.
     def reset(self):
-        """Make everything anew, whatever has been patched."""
         for space, original in zip(self.patched, self.original):
             if [*map(id, vars(space).values())] == [*map(id, original.values())]:
                 continue
@@ -114,8 +115,8 @@ class World(hosts.Host):
         self.warnings.clear()
         self.clock.reads = 0
 
+    # All that can be seen of a case.
     def told(self, case):
-        """All that can be seen of a case."""
         result = hosts.outcome(self.call, case)
         fields = [(name, hosts.typed(value)) for name, value in vars(self.tracker).items()
                   if name not in ("_repo", "_limits", "_lock")]
@@ -131,8 +132,8 @@ class TwinCase(unittest.TestCase):
         cls.module = cls.enterClassContext(World("module_world", hosts.MODULE))
         cls.plain = cls.enterClassContext(World("plain_world", hosts.PLAIN))
 
+    # Each case comes to the same in both worlds, each time a fresh one.
     def assertSame(self, *cases, **about):
-        """Each case comes to the same in both worlds, each time a fresh one."""
         for case in cases:
             with self.subTest(source(case), **about):
                 seen = []
@@ -142,21 +143,21 @@ class TwinCase(unittest.TestCase):
                 self.assertEqual(*seen)
 
 
+# The line on which a function begins, to tell it from others.
 def source(function):
-    """The line on which a function begins, to tell it from others."""
     code = function.__code__
     return linecache.getline(code.co_filename, code.co_firstlineno).strip()
 
 
+# The thing, with these attributes set.
 def put(thing, **attributes):
-    """The thing, with these attributes set."""
     for name, value in attributes.items():
         setattr(thing, name, value)
     return thing
 
 
+# What a value stands for that is not what it seems.
 def bare(value):
-    """What a value stands for that is not what it seems."""
     try:
         return object.__getattribute__(value, "stands_for")
     except AttributeError:
