@@ -30,7 +30,7 @@ PLACES = {
     "limits": ("disable_after_errors", "disable_cooldown_s"),
     "health": "time TOOLS ToolsConfig is_slow_call json datetime timezone threading _known"
               " _epoch _sqlite_time _ToolState _Usage".split(),
-    "world": "name error duration_ms rows row text epoch budget census timings".split(),
+    "world": "tool error duration_ms rows row text epoch budget census timings".split(),
     "census": ("os_threads", "python_total", "python_threads"),
     "repository": ("db",),
 }

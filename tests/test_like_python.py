@@ -16,6 +16,7 @@ import itertools
 import json
 import pickle
 import pydoc
+import random
 import time
 import types
 import typing
@@ -207,6 +208,23 @@ MET = [
                              tracker._usage_rows("a")),
     lambda tracker: (put(tracker, _usage=failing(KEY)), tracker.get_health_summary()),
 ]
+# Steps of random programs, beside the operations.
+STEPS = [
+    lambda world, dice: put(world, tool=dice.choice(("a", "b", "c", "zz", "", None))),
+    lambda world, dice: put(world, error=dice.choice(("boom", "", None, 5, "x" * 501))),
+    lambda world, dice: put(world, duration_ms=dice.choice(NUMBERS)),
+    lambda clock, dice: put(clock, now=clock.now + dice.choice((0.3, 1, 60, -5, 1e6))),
+    lambda clock, dice: put(clock, now=dice.choice((5, float("nan"), None, OSError("clock")))),
+    lambda limits, dice: put(limits, disable_after_errors=dice.choice((1, 2, 3, None))),
+    lambda limits, dice: put(limits, disable_cooldown_s=dice.choice((0, 60, 1e12, "x"))),
+    lambda tracker, dice: put(dice.choice([*tracker._state.values()]), **{dice.choice((
+        "call_count", "error_count", "disabled_at", "updated_at")): dice.choice(NUMBERS)}),
+    lambda tracker, dice: put(dice.choice([*tracker._usage.values()]), **{dice.choice((
+        "calls", "timed_calls", "total_ms")): dice.choice(NUMBERS)}),
+    lambda db, dice: db.answers.update({dice.choice(("execute", "executemany")): dice.choice((
+        None, OSError("broken"), KeyboardInterrupt("stop")))}),
+]
+NUMBERS = (0, 1, 3, -2, 0.5, 2.675, 0.0625, 1e300, -0.0, True, None, "7", float("nan"), 10**30)
 # What may stand in the database, and what it may do.
 STORED = [
     lambda health: [health._epoch(text) for text in TEXTS],
@@ -305,6 +323,16 @@ class LikePython(TwinCase):
 
     def test_tables(self):
         self.assertSame(*FACTS, *DEFAULTS, *REPLACED, *MET, *STORED)
+
+    def test_random_programs(self):
+        for seed in range(200):
+            def program(world):
+                world.dice, told = random.Random(seed), []
+                for _ in range(30):
+                    step = world.dice.choice(world.dice.choice((OPERATIONS, STEPS)))
+                    told.append((source(step), hosts.outcome(world.call, step)))
+                return told
+            self.assertSame(program, seed=seed)
 
     def test_history(self):
         for rows, document in itertools.product(ROWS, DOCUMENTS[:2]):

@@ -1,4 +1,7 @@
 # Eight threads at once on one tracker, with a real database that fails now and then.
+#
+# Six report calls, one flushes, one summarises. For example, what the six have counted has to be in
+# memory to the last call, and after a restart in the database, however often a write has failed.
 
 import contextlib
 import faulthandler
@@ -11,7 +14,7 @@ from pathlib import Path
 
 from . import HealthCase, hosts
 
-ROUNDS, NAMES = 400, "abc"
+ROUNDS, TOOLS, REPORTERS = 400, "abc", range(6)
 
 
 class Threads(HealthCase):
@@ -22,70 +25,61 @@ class Threads(HealthCase):
         sys.setswitchinterval(1e-6)
         faulthandler.dump_traceback_later(120, exit=True)
 
-    # Run all at once to their ends, and raise what any of them raised.
-    def together(self, *works):
-        gate, errors = threading.Barrier(len(works)), []
+    def test_totals(self):
+        file = Path(self.enterContext(tempfile.TemporaryDirectory()), "history.db")
+        db, dice, done, errors = self.host.database(file), random.Random(7), [], []
+        tracker = self.host.tracker(db, hosts.ToolsConfig(5, 0.0))
+        db.tracker = None  # or it would find the lock held by the other threads
+        self.health.TOOLS["c"] = self.health.TOOLS["a"]
 
-        def run(work):
+        def failing(write, *call):
+            if dice.random() < 0.4:
+                raise sqlite3.OperationalError("injected")
+            return write(*call)
+
+        def report(number):
+            for turn in range(ROUNDS):
+                name = TOOLS[(turn + number) % 3]
+                if turn % 2:
+                    tracker.record_error(name, f"{number}")
+                else:
+                    tracker.record_success(name)
+                tracker.record_call(
+                    name, "text", "ok", alias_hit=turn % 4 == 0, duration_ms=0.25)
+                tracker.is_disabled(name)
+
+        def flush():
+            while len(done) < len(REPORTERS) or tracker.has_unsaved_changes:
+                with contextlib.suppress(sqlite3.OperationalError):
+                    tracker.flush()
+                db.calls.clear()
+
+        def summarise():
+            while len(done) < len(REPORTERS):
+                for record in tracker.get_health_summary():
+                    self.assertLessEqual(record["error_count"], record["call_count"])
+
+        def run(work, *number):
             try:
-                gate.wait()
-                work()
+                work(*number)
             except BaseException as error:
                 errors.append(error)
+            done.extend(number)
 
-        threads = [threading.Thread(target=run, args=(work,)) for work in works]
+        for method in ("execute", "executemany"):
+            db.answers[method] = lambda *call, write=db.answers[method]: failing(write, *call)
+        works = [(flush,), (summarise,), *((report, number) for number in REPORTERS)]
+        threads = [threading.Thread(target=run, args=work) for work in works]
         for thread in threads:
             thread.start()
         for thread in threads:
-            thread.join(60)
-            self.assertFalse(thread.is_alive())
-        if errors:
-            raise errors[0]
-
-    def test_totals(self):
-        with tempfile.TemporaryDirectory() as folder:
-            db, dice, done = self.host.database(Path(folder, "history.db")), random.Random(7), []
-            tracker = self.host.tracker(db, hosts.ToolsConfig(5, 0.0))
-            db.tracker = None  # or it would find the lock held by the other threads
-            for method in ("execute", "executemany"):
-                db.answers[method] = lambda *call, write=db.answers[method]: self.fail_or(dice, write, *call)
-
-            self.health.TOOLS["c"] = self.health.TOOLS["a"]
-
-            def report(number):
-                for turn in range(ROUNDS):
-                    name = NAMES[(turn + number) % 3]
-                    if turn % 2:
-                        tracker.record_error(name, f"{number}")
-                    else:
-                        tracker.record_success(name)
-                    tracker.record_call(name, "text", "ok", alias_hit=turn % 4 == 0, duration_ms=0.25)
-                    tracker.is_disabled(name)
-                done.append(number)
-
-            def flush():
-                while len(done) < 6 or tracker.has_unsaved_changes:
-                    with contextlib.suppress(sqlite3.OperationalError):
-                        tracker.flush()
-                    db.calls.clear()
-
-            def summarise():
-                while len(done) < 6:
-                    for row in tracker.get_health_summary():
-                        self.assertLessEqual(row["error_count"], row["call_count"])
-                        self.assertGreaterEqual(ROUNDS * 6, sum(usage["calls"] for usage in row["usage"]))
-
-            self.together(*[lambda number=number: report(number) for number in range(6)], flush, summarise)
-            self.assertEqual([sum(getattr(it, field) for it in tracker._state.values()) for field in ("call_count", "error_count")],
-                             [6 * ROUNDS, 3 * ROUNDS])
-            self.assertEqual([sum(getattr(it, field) for it in tracker._usage.values()) for field in ("calls", "total_ms")],
-                             [6 * ROUNDS, 1.5 * ROUNDS])
-            again = self.host.tracker(self.host.database(Path(folder, "history.db")))
-            for state in tracker._state.values():
-                state.consecutive_errors = 0
-            self.assertEqual((again._state, again._usage), (tracker._state, tracker._usage))
-
-    def fail_or(self, dice, write, *call):
-        if dice.random() < 0.4:
-            raise sqlite3.OperationalError("injected")
-        return write(*call)
+            thread.join()
+        states, usage = tracker._state.values(), tracker._usage.values()
+        calls = len(REPORTERS) * ROUNDS
+        counted = [sum(it.call_count for it in states), sum(it.error_count for it in states),
+                   sum(it.calls for it in usage), sum(it.total_ms for it in usage)]
+        self.assertEqual((errors, counted), ([], [calls, calls / 2, calls, calls / 4]))
+        again = self.host.tracker(self.host.database(file))
+        for state in states:
+            state.consecutive_errors = 0
+        self.assertEqual((again._state, again._usage), (tracker._state, tracker._usage))

@@ -26,16 +26,16 @@ DOCUMENT = json.dumps([ENTRY, ENTRY | {"tool": "gone"}])
 STATISTICS = ("name", "count", "avg_ms", "p95_ms", "min_ms", "max_ms", "errors")
 NEW = {"action": None, "outcome": "ok", "alias_hit": True, "duration_ms": None}
 OPERATIONS = [
-    lambda tracker, name, duration_ms: tracker.record_call(
-        name, "text", "ok", alias_hit=False, duration_ms=duration_ms),
+    lambda tracker, tool, duration_ms: tracker.record_call(
+        tool, "text", "ok", alias_hit=False, duration_ms=duration_ms),
     lambda tracker: tracker.record_call("new", **NEW),
-    lambda tracker, name: tracker.record_success(name),
+    lambda tracker, tool: tracker.record_success(tool),
     lambda tracker: tracker.record_success("new"),
-    lambda tracker, name, error: tracker.record_error(name, error),
-    lambda tracker, name: tracker.is_disabled(name),
+    lambda tracker, tool, error: tracker.record_error(tool, error),
+    lambda tracker, tool: tracker.is_disabled(tool),
     lambda tracker: tracker.is_disabled("off"),
     lambda tracker: tracker.get_health_summary(),
-    lambda tracker, name: tracker._usage_rows(name),
+    lambda tracker, tool: tracker._usage_rows(tool),
     lambda tracker: tracker.has_unsaved_changes,
     lambda tracker: (tracker.limits, tracker.cooldown_s),
     lambda tracker: tracker.flush(),
@@ -44,7 +44,7 @@ OPERATIONS = [
     lambda tracker: tracker._load(),
     lambda tracker: tracker._load_usage(),
     lambda tracker, repository: tracker.__init__(repository),
-    lambda health, name: health._known(name, "text"),
+    lambda health, tool: health._known(tool, "text"),
     lambda health, text: health._epoch(text),
     lambda health, epoch: health._sqlite_time(epoch),
     lambda health, budget, census: health.thread_census_report(budget, census),
@@ -100,7 +100,7 @@ class World(hosts.Host):
         self.limits, self.log = hosts.ToolsConfig(1, 1e12), []
         self.rows = [("a", 1, 0, None, None, None), ("b", 2, 2, "x", None, TIME)]
         self.row = (DOCUMENT,)
-        self.name, self.error, self.duration_ms = "a", "boom", 2.5  # arguments of the operations
+        self.tool, self.error, self.duration_ms = "a", "boom", 2.5  # arguments of the operations
         self.text, self.epoch, self.budget = TIME, 1.7e9, 5
         self.census = hosts.ThreadCensus(None, 12, {"pool": 11})
         self.timings = [dict.fromkeys(STATISTICS, number) for number in range(2)]
