@@ -457,6 +457,9 @@ class Saving(ServerCase):
         ):
             self.assertEqual(self.start(**options).close(), 2)
             self.assertIn(told, self.log.read_text())
+        (self.host / "utils" / "timing.py").unlink()
+        self.assertEqual(self.start().close(), 1)
+        self.assertRegex(self.log.read_text(), r"ModuleNotFoundError: .*\.utils\.timing'")
         self.module.rename(self.module.with_name("health.cpython-399.so"))
         self.assertEqual(self.start().close(), 1)
         told = rf"is not built for {sys.executable} \(Python 3.13.*built.*: health.cpython-399.so"
