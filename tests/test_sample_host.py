@@ -451,7 +451,6 @@ class Saving(ServerCase):
             ("no directory", {"repo": self.log}),
             ("no file can be there: '/no/db'", {"db": "/no/db"}),
             ("no file can be there: '/tmp'", {"db": "/tmp"}),
-            ("no file can be there: ''", {"db": ""}),
             ("flush-every: must be more than 0", {"flush_every": 0}),
             ("cooldown-s: must be more than 0", {"cooldown_s": "inf"}),
         ):
