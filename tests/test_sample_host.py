@@ -234,7 +234,8 @@ class Tools(ServerCase):
             "src/a.py:3: gamma" + searched: [text | {"action": "grep", "pattern": "gam"}]
             + [text | {"pattern": "gam", "max_results": 1}],
             "(no match)" + searched: [text | {"pattern": none} for none in ("Gam", "root")],
-            "wide:1: " + "x" * 200 + searched: [text | {"pattern": "x" * 1000, "limit": 500}],
+            "wide:1: " + "x" * 200 + searched: [text | {"pattern": "x" * 1000, "limit": 500}]
+            + [text | {"pattern": one} for one in ("needle", "Needle")],
             "caf?:1: \ufffdcup\n(more than 1 matches; narrow the pattern)" + searched:
                 [text | {"pattern": "p", "max_results": 1.0}],
             "binary\ncaf?\nfull\nlarge\nrows\nwide\n" + in_src: [{"mode": "glob", "query": "**"}],
@@ -268,7 +269,7 @@ class Tools(ServerCase):
                     shown = answer[: len(expected)] if is_error else answer
                     self.assertEqual((shown, is_error), (expected, expected[-2:] == ": "))
         self.assertEqual(self.usage(client, "action", "outcome", "alias_hit", "slow"), {
-            ("text", "ok", False, True): 4,
+            ("text", "ok", False, True): 6,
             ("text", "ok", True, True): 2,
             ("files", "ok", False, False): 8,
             ("files", "ok", True, False): 1,
@@ -276,7 +277,7 @@ class Tools(ServerCase):
         })
         reads = self.usage(client, "outcome", "alias_hit", tool="read_file")
         self.assertEqual((reads["call_failed", False], reads["ok", True]), (2, 1))
-        self.assertEqual((self.timed(client), self.timed(client, "read_file")), ((15, 0), (7, 2)))
+        self.assertEqual((self.timed(client), self.timed(client, "read_file")), ((17, 0), (7, 2)))
 
     def test_times(self):
         collector = TimingCollector()
