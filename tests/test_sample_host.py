@@ -203,8 +203,12 @@ class Protocol(ServerCase):
         client.process.terminate()
         self.assertEqual(client.process.wait(30), 0)
         client = self.start(flush_every=600)
+        client.request("ping", {})
+        lock, _ = self.in_database("BEGIN IMMEDIATE")
         client.process.stdout.close()
         client.send(call("search", FIND))
+        time.sleep(0.5)  # the last save waits
+        lock.close()
         self.assertEqual((client.process.wait(30), self.log.read_text()), (0, ""))
         self.assertEqual(self.saved_calls(), 1)
 
@@ -436,7 +440,7 @@ class Saving(ServerCase):
         self.assertEqual((self.start().close(), self.log.read_text()), (0, ""))
         saved = self.saved_calls()
         self.db.chmod(0o444)
-        for mode, known in ((0o755, saved), (0o555, saved), (0o555, 0)):
+        for mode, known in ((0o555, saved), (0o755, saved), (0o555, 0)):
             self.directory.chmod(mode)
             if not known:  # as at a first start
                 self.db.rename(self.sources / "db")
