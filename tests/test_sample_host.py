@@ -1,22 +1,19 @@
-"""The sample host as its clients see it: a server on a copy of the package, spoken to over its
-stdio.
+"""The sample host as its clients see it: a server on a copy of the package, over its stdio.
 
 Every test starts real servers and plays their clients. For example, four slow searches keep every
 worker busy, and a ping sent after them must be answered before them:
-
     slow = [client.ask("tools/call", SLOW) for _ in range(4)]
     assert client.request("ping", {}) == {}
-
-A search is slow in a directory with so many lines that the time limit ends it.
+A limit that a test cannot wait for is another one in its copy: self.configure(TIME_LIMIT_S=600).
 """
 
-import contextlib
 import ctypes
 import json
 import os
+import re
+import select
 import shutil
 import signal
-import socket
 import sqlite3
 import subprocess
 import sys
@@ -25,50 +22,58 @@ import time
 import unittest
 from pathlib import Path
 
-from sample_host import __version__, config
+from sample_host.config import MAX_QUEUED, WORKERS
 from sample_host.demo import Client
+from sample_host.utils.timing import TimingCollector
 
 from . import hosts
 
-PACKAGE = hosts.CHECKOUT / "sample_host"
-MODULE = Path(hosts.MODULE)
-FIND = {"action": "files", "pattern": "*.py"}
-SLOW = {"name": "search", "arguments": {"action": "text", "pattern": "no such text"}}
-PING = {"jsonrpc": "2.0", "id": "next", "result": {}}
+FIND, FOUND = {"action": "files", "pattern": "*.py"}, (False, "src/a.py")
+TEXT = {"action": "text", "pattern": "no such text"}
+A_FILE = {"path": "src/a.py"}
+FINDING, SLOW = ({"name": "search", "arguments": arguments} for arguments in (FIND, TEXT))
 
 
-def request(**members):
-    return json.dumps({"jsonrpc": "2.0", "id": 7, **members}).encode()
+def message(**members):
+    return json.dumps({"jsonrpc": "2.0", **members}).encode()
 
 
-def tool_call(**params):
-    return request(method="tools/call", params=params)
+def request(method="ping", **members):
+    return message(**{"id": 7, "method": method, **members})
 
 
-def locked(path):
-    """The database's write lock, for the length of a with block."""
+def call(name, arguments, number=7):
+    return request("tools/call", id=number, params={"name": name, "arguments": arguments})
 
-    @contextlib.contextmanager
-    def hold():
-        with contextlib.closing(sqlite3.connect(path, isolation_level=None)) as other:
-            other.execute("BEGIN IMMEDIATE")
-            yield
 
-    return hold()
+def eventually(condition):
+    """Wait until the condition holds."""
+    ends_at = time.monotonic() + 30
+    while not condition():
+        assert time.monotonic() < ends_at, "waited in vain"
+        time.sleep(0.01)
+
+
+def setUpModule():
+    for capability in (1, 2):  # file modes are to hold for the servers, also when they are root's
+        ctypes.CDLL(None).prctl(24, capability, 0, 0, 0)
 
 
 class ServerCase(unittest.TestCase):
     def setUp(self):
         self.directory = Path(self.enterContext(tempfile.TemporaryDirectory()))
-        names = ("another_name", "sources", "db", "log")
+        names = ("another_name", "sources", "db?%41", "log")  # a URI has to quote the third
         self.host, self.sources, self.db, self.log = map(self.directory.joinpath, names)
         left_out = shutil.ignore_patterns("health.*", "__pycache__")
-        shutil.copytree(PACKAGE, self.host, ignore=left_out)
-        name = "health.py" if MODULE.suffix == ".py" else MODULE.name
-        self.module = self.host / "tool_handlers" / name
-        shutil.copy(MODULE, self.module)
+        shutil.copytree(hosts.CHECKOUT / "sample_host", self.host, ignore=left_out)
+        name = "health.py" if hosts.MODULE.endswith(".py") else Path(hosts.MODULE).name
+        self.module = Path(shutil.copy(hosts.MODULE, self.host / "tool_handlers" / name))
         (self.sources / "src").mkdir(parents=True)
-        (self.sources / "src" / "a.py").write_text("alpha\nbeta\f\ngamma\n")
+        (self.sources / "src" / "a.py").write_bytes(b"alpha\nbeta\f\r\ngamma\n")
+
+    def configure(self, file="config.py", **settings):
+        with (self.host / file).open("a") as module:
+            module.writelines(f"\n{name} = {value}" for name, value in settings.items())
 
     def start(self, **options):
         options = {"repo": self.sources, "db": self.db, "flush_every": 0.001, **options}
@@ -78,71 +83,65 @@ class ServerCase(unittest.TestCase):
         self.addCleanup(client.process.kill)
         return client
 
-    def start_slow(self, **options):
-        """A server in whose sources a search for a text takes longer than its time limit."""
-        for number in range(12):
+    def make_search_slow(self):
+        """A search for a text takes many seconds from now on, and no time limit ends it."""
+        self.configure(TIME_LIMIT_S=600)
+        for number in range(24):
             (self.sources / f"long{number}").write_text("b\n" * (2 << 20))
-        return self.start(**options)
 
-    def health(self, client, tool="search"):
-        records = json.loads(client.call("status", {})[1])["perf_stats"]
-        found = next(record for record in records if record["tool_name"] == tool)
-        for row in found["usage"]:
-            del row["avg_ms"]  # may round otherwise after a restart, from the microseconds stored
-        return found
+    def data(self, client, tool="status", key="perf_stats"):
+        return json.loads(client.call(tool, {})[1])[key]
 
-    def outcomes(self, client, tool="search"):
-        """How many of a tool's calls ended in which way."""
-        rows = self.health(client, tool)["usage"]
-        return {row["outcome"]: row["calls"] for row in rows}
+    def usage(self, client, *columns, tool="search"):
+        """How many calls were counted under which values of these columns."""
+        rows = next(it["usage"] for it in self.data(client) if it["tool_name"] == tool)
+        return {tuple(row[column] for column in columns): row["calls"] for row in rows}
+
+    def timed(self, client, tool="search"):
+        """How many calls were timed, and how many of those are errors."""
+        stats = self.data(client, "get_tool_performance_stats", "tools")
+        return next((row["count"], row["errors"]) for row in stats if row["name"] == tool)
 
     def cancel(self, client, *asked):
         for number in asked:
-            notification = {"method": "notifications/cancelled", "params": {"requestId": number}}
-            client.send(json.dumps({"jsonrpc": "2.0", **notification}).encode())
+            client.send(message(method="notifications/cancelled", params={"requestId": number}))
+
+    def in_database(self, *statements):
+        """Another process's connection, and what the last of its statements found."""
+        other = sqlite3.connect(self.db, isolation_level=None)
+        self.addCleanup(other.close)
+        return other, [other.execute(statement).fetchall() for statement in statements][-1]
 
     def saved_calls(self):
-        with contextlib.closing(sqlite3.connect(self.db)) as db:
-            query = "SELECT call_count FROM tool_health WHERE tool_name = 'search'"
-            rows = db.execute(query).fetchall()
-        return rows[0][0] if rows else 0
+        """All that were counted; a save writes this last."""
+        other, found = self.in_database("SELECT value FROM schema_info WHERE key = 'tool_usage'")
+        other.close()
+        return sum(row["calls"] for value, in found for row in json.loads(value))
 
 
 class Protocol(ServerCase):
     def test_bad_lines_are_answered_and_survived(self):
-        ping = request(method="ping")
-        errors = {
-            (None, -32700): [
-                b"{",
-                b"[" * 99_999,
-                ping.replace(b"7", b"NaN"),
-                ping.replace(b"n", b"\xff"),
-            ],
-            (None, -32600): [b"5", b"{}", b"[]", b"[%s]" % ping, ping + b" " * (3 << 20)]
-            + [request(id=bad, method="ping") for bad in (None, True, 1.5, [], {})],
-            (7, -32600): [ping.replace(b"2.0", b"1.0"), request(), request(method=["ping"])]
-            + [request(method="ping", params=bad) for bad in (None, 5, "x", True)],
-            (7, -32601): [request(method="tools/\ud800")],
-            (7, -32602): [request(method="ping", params=[]), request(method="initialize")]
-            + [request(method="tools/list", params={"cursor": "2"})]
-            + [tool_call(name=bad) for bad in (None, 5, [], "", "rm", "\ud800")]
-            + [tool_call(name="status", arguments=bad) for bad in (None, 5, [], "x")],
-            None: [
-                b'{"jsonrpc": "2.0", "method": "tools/call"}',
-                b" ",
-                request(result={}),
-                b'{"jsonrpc": "2.0", "method": "notifications/cancelled", "params": [5]}',
-                request(error={}),
-            ],
+        ping, note = request(), message(method="notifications/cancelled", params=[5])
+        table = {
+            (None, -32700): [b"{", b"[" * 99_999, ping.replace(b"7", b"NaN"), b"\xff"],
+            (None, -32600): [b"5", b"{}", b"[]", b"[%s]" % ping, note.ljust((1 << 20) + 1)]
+            + [ping.ljust(3 << 20), *(request(id=bad) for bad in (None, True, 1.5, [], {}))],
+            (7, -32600): [ping.replace(b"2.0", b"1.0"), message(id=7), request(["ping"])]
+            + [request(params=bad) for bad in (None, 5, "x", True)],
+            (7, -32601): [request("tools/\ud800")],
+            (7, -32602): [request("initialize"), request("tools/list", params={"cursor": "2"})]
+            + [request(params=[]), *(call("status", bad) for bad in (None, 5, [], "x"))]
+            + [call(bad, {}) for bad in (None, 5, [], "", "rm", "\ud800")],
+            None: [b" ", note.ljust(1 << 20), message(id=7, result={}), message(id=7, error={})]
+            + [message(method="ping"), note.replace(b"[5]", b'{"requestId": []}')],
         }
         client = self.start()
-        for error, lines in errors.items():
+        for error, lines in table.items():
             for line in lines:
                 with self.subTest(line[:80]):
-                    client.send(line)
-                    client.send(request(id="next", method="ping"))
+                    client.send(line + b"\n" + request(id="next"))
                     answers = []
-                    while (answer := client.receive()) != PING:
+                    while (answer := client.receive())["id"] != "next":
                         answers.append((answer["id"], answer["error"]["code"]))
                     self.assertEqual(answers, [error] if error else [])
         self.assertEqual((client.close(), self.log.read_text()), (0, ""))
@@ -151,57 +150,67 @@ class Protocol(ServerCase):
         client = self.start()
         for asked, version in (
             ("2025-06-18", "2025-06-18"),
-            ("2024-11-05", "2024-11-05"),
             ("2026-01-01", "2025-11-25"),
-            ("x", "2025-11-25"),
-            ("2025-03-26", "2025-03-26"),
+            ("2023-01-01", "2025-11-25"),
+            ("2025-05-05", "2025-03-26"),  # the version with batches
         ):
             started = client.request("initialize", {"protocolVersion": asked})
             self.assertEqual(started["protocolVersion"], version)
-            self.assertEqual(started["serverInfo"]["version"], __version__)
-        messages = [
-            request(method="ping"),
-            tool_call(name="status").replace(b"7", b"8"),
-            b"5",
-            b'{"jsonrpc": "2.0", "method": "notifications/initialized"}',
-        ]
-        client.send(b"[%s]" % b",".join(messages))
-        batch = client.receive()
-        self.assertEqual([answer["id"] for answer in batch], [7, 8, None])
-        client.send(b"[%s]" % messages[-1])
+        note = message(method="notifications/initialized")
+        client.send(b"[%s, 5, %s, %s]\n[%s]" % (request(id=1), note, call("status", {}), note))
+        self.assertEqual([answer["id"] for answer in client.receive()], [1, None, 7])
         client.send(b"[]")
         self.assertEqual(client.receive()["error"]["code"], -32600)
 
     def test_tools_and_their_data(self):
         client = self.start()
         for tool in client.request("tools/list", {})["tools"]:
-            arguments = {"search": FIND, "read_file": {"path": "src/a.py"}}.get(tool["name"], {})
-            self.assertEqual(set(tool["inputSchema"]["required"]), set(arguments))
-            self.assertTrue(tool["title"] and tool["annotations"]["readOnlyHint"])
-            result = client.request("tools/call", {"name": tool["name"], "arguments": arguments})
-            self.assertFalse(result["isError"])
-            self.assertEqual("structuredContent" in result, "outputSchema" in tool)
-            if "structuredContent" in result:
-                data, schema = result["structuredContent"], tool["outputSchema"]
-                self.assertEqual(json.loads(result["content"][0]["text"]), data)
-                self.assertEqual(set(schema["required"]), set(data))
-        self.assertEqual(data["tools"][0]["count"], 1)
+            arguments = {"search": FIND, "read_file": A_FILE}.get(tool["name"], {})
+            client.send(call(tool["name"], arguments))  # the same id again is no obstacle
+            result = client.receive()["result"]
+            promised = tool.get("outputSchema", {"required": ()})["required"]
+            self.assertEqual(set(result.get("structuredContent", ())), set(promised))
+        self.configure("tool_handlers/status.py", status="lambda tracker: {1}")  # is no JSON
+        client = self.start()
+        client.send(call("status", {}))
+        self.assertEqual(client.receive()["error"]["code"], -32603)
+        self.assertIn("Could not answer a request\nTraceback", self.log.read_text())
 
-    def test_input_of_every_kind(self):
+    def test_file_for_input(self):
+        """It may end without a line feed, and what it asked for waits for a slow reader."""
+        self.configure(GRACE_S=60)
+        (self.sources / "src" / "a.py").write_text("x" * 99_000)
         lines = self.directory / "requests"
-        lines.write_bytes(request(method="ping") + b"\n" + tool_call(name="status", arguments={}))
+        lines.write_bytes(b"\n".join(call("read_file", A_FILE, number) for number in range(20)))
         command = [sys.executable, "-m", self.host.name, "--repo", self.sources, "--db", self.db]
-        ours, theirs = socket.socketpair()
-        with lines.open("rb") as file, ours, theirs:
-            ours.sendall(lines.read_bytes())
-            ours.shutdown(socket.SHUT_WR)
-            for kind, source in (("file", file), ("socket", theirs)):
-                with self.subTest(kind):
-                    done = subprocess.run(
-                        command, cwd=self.directory, stdin=source, capture_output=True
-                    )
-                    answers = list(map(json.loads, done.stdout.splitlines()))
-                    self.assertEqual((done.returncode, len(answers)), (0, 2))
+        with lines.open() as file:
+            server = subprocess.Popen(
+                command, cwd=self.directory, stdin=file, stdout=subprocess.PIPE)
+        with server:
+            time.sleep(1)
+            answers = [json.loads(line)["result"] for line in server.stdout]
+        self.assertEqual((server.returncode, len(answers)), (0, 20))
+
+    def test_clients_that_do_not_read(self):
+        """For one that never reads nothing more is taken in; one that has left ends the server."""
+        self.configure(GRACE_S=0.5)
+        client, taken = self.start(), 0
+        stdin = client.process.stdin.fileno()
+        os.set_blocking(stdin, False)
+        while select.select([], [stdin], [], 2)[1] and taken < 2 << 20:
+            taken += os.write(stdin, (request() + b"\n") * 1000)
+        self.assertLess(taken, 2 << 20)
+        client.process.terminate()
+        self.assertEqual(client.process.wait(30), 0)
+        client = self.start(flush_every=600)
+        client.request("ping", {})
+        lock, _ = self.in_database("BEGIN IMMEDIATE")
+        client.process.stdout.close()
+        client.send(call("search", FIND))
+        time.sleep(0.5)  # the last save waits
+        lock.close()
+        self.assertEqual((client.process.wait(30), self.log.read_text()), (0, ""))
+        self.assertEqual(self.saved_calls(), 1)
 
 
 class Tools(ServerCase):
@@ -209,279 +218,292 @@ class Tools(ServerCase):
         for name, target in (("out", "/etc/passwd"), ("etc", "/etc"), ("loop", "loop")):
             (self.sources / name).symlink_to(target)
         os.mkfifo(self.sources / "pipe")
-        (self.sources / "binary").write_bytes(b"root\0")
-        (self.sources / "large").write_bytes(b"root\n" * (1 << 20))
-        (self.sources / ".git").mkdir()
-        (self.sources / "wide").write_text("x" * 3000 + "Needle\n")
-        (self.sources / "rows").write_text("y" * 999 + "\n" + "z" * 999 + "\n" * 150_000)
-        Path(os.fsdecode(bytes(self.sources) + b"/caf\xe9")).write_text("cup\n")
-        text, file = {"action": "text", "pattern": "x"}, {"path": "src/a.py"}
-        searched = (
-            "\n(not searched: 1 x .git, 1 x binary files, 1 x files over 4 MiB, "
-            "4 x links and special files)"
-        )
-        table = {
-            "src/a.py:3: gamma" + searched: [text | {"pattern": "gam"}],
-            "(no match)" + searched: [text | {"pattern": "Gam"}, text | {"pattern": "root"}],
-            "wide:1: " + "x" * 200 + searched: [text | {"pattern": "needle"}],
-            "caf?:1: cup\n(more than 1 matches; narrow the pattern)"
-            + searched: [text | {"pattern": "p", "limit": 1.0}],
-            "binary\ncaf?\nlarge\nrows\nwide\nsrc/a.py\n"
-            "(not searched: 1 x .git, 4 x links and special files)": [
-                {"mode": "glob", "query": "*"}
-            ],
-            "src/a.py\n(not searched: 1 x .git, 4 x links and special files)": [
-                {"action": "files", "pattern": pattern} for pattern in ("*.py", "src/*", "**/a.*")
-            ],
-            "alpha\n(lines 1 to 1 of 3)": [file | {"max_lines": 1}],
-            "beta\f\ngamma": [{"file": f"{self.sources}/src/../src/a.py", "offset": 2}],
+        for name in ("src/e", "src/d", "src/c", "src/b", ".git"):
+            (self.sources / name).mkdir()
+            (self.sources / name / "x").touch()
+        for name, content in (
+            (b"binary", b"root\0"),
+            (b"caf\xe9", b"\xffcup\n"),
+            (b"full", b"f" * (4 << 20)),
+            (b"large", b"f" * (4 << 20) + b"\n"),
+            (b"rows", (b"y" * 999 + b"\n") * 100 + b"\n" * 2000),
+            (b"wide", b"x" * 3000 + b"Needle\n"),
+        ):
+            Path(os.fsdecode(bytes(self.sources) + b"/" + name)).write_bytes(content)
+        text = TEXT | {"pattern": "x"}
+        listed = "\n(not searched: 1 x .git, 4 x links and special files)"
+        searched = listed.replace("git,", "git, 1 x binary files, 1 x files over 4 MiB,")
+        in_src = "src/a.py\nsrc/b/x\nsrc/c/x\nsrc/d/x\nsrc/e/x" + listed
+        searches = {
+            "src/a.py:3: gamma" + searched: [text | {"action": "grep", "pattern": "gam"}]
+            + [text | {"pattern": "gam", "max_results": 1}],
+            "(no match)" + searched: [text | {"pattern": none} for none in ("Gam", "root")],
+            "wide:1: " + "x" * 200 + searched: [text | {"pattern": "x" * 1000, "limit": 500}]
+            + [text | {"pattern": one} for one in ("needle", "Needle")],
+            "caf?:1: \ufffdcup\n(more than 1 matches; narrow the pattern)" + searched:
+                [text | {"pattern": "p", "max_results": 1.0}],
+            "binary\ncaf?\nfull\nlarge\nrows\nwide\n" + in_src: [{"mode": "glob", "query": "**"}],
+            in_src: [FIND | {"pattern": "src/**"}],
+            "src/a.py" + listed:
+                [FIND | {"pattern": one} for one in ("*.py", "src/*", "src/**/a.*")],
+            "(no match)" + listed:
+                [FIND | {"pattern": none} for none in ("no/**", "src", "src/a", "*/*/a.py")],
             "Bad arguments: ": [text | {"pattern": bad} for bad in (5, "x" * 1001)]
             + [text | {"action": bad} for bad in ("drop", "", None, [], {})]
-            + [
-                text | bad
-                for bad in ({"max_results": True}, {"limit": 0}, {"query": "y"}, {"z": 1})
-            ]
-            + [file | bad for bad in ({"start_line": 9}, {"start_line": -1}, {"max_lines": 1.5})]
+            + [text | {"max_results": bad} for bad in (True, 0, 501)]
+            + [text | {"query": "y"}, text | {"path": "y"}, {"action": "text"}],
+        }
+        reads = {
+            "alpha\n(lines 1 to 1 of 3)": [A_FILE | {"max_lines": 1}],
+            "beta\f\ngamma": [{"file": f"{self.sources}/src/../src/a.py", "offset": 2}],
+            "gamma": [A_FILE | {"start_line": 3, "max_lines": 2000}],
+            "f" * 100_000 + "\n(line 1 of 1, cut after 100000 characters)": [{"path": "full"}],
+            ("y" * 999 + "\n") * 100 + "(lines 1 to 100 of 2100)": [{"path": "rows"}],
+            "Bad arguments: ": [A_FILE | bad for bad in ({"start_line": 4}, {"start_line": -1})]
+            + [A_FILE | {"max_lines": bad} for bad in (1.5, 2001)]
             + [{"path": bad} for bad in ("../log", "/etc/passwd", "out", "etc/passwd", "loop")]
             + [{"path": bad} for bad in ("pipe", "src", "", "\0", "\ud800", "x" * 999)],
             "read_file cannot answer this call: ": [{"path": bad} for bad in ("binary", "large")],
         }
         client = self.start(disable_after_errors=1)
-        for expected, calls in table.items():
-            for arguments in calls:
+        for tool, table in (("search", searches), ("read_file", reads)):
+            for expected, arguments in ((key, call) for key in table for call in table[key]):
                 with self.subTest(arguments):
-                    tool = "read_file" if {"path", "file"} & set(arguments) else "search"
                     is_error, answer = client.call(tool, arguments)
                     shown = answer[: len(expected)] if is_error else answer
                     self.assertEqual((shown, is_error), (expected, expected[-2:] == ": "))
-        answer = client.call("read_file", {"path": "rows", "max_lines": 2000})[1]
-        self.assertTrue(answer.endswith("\n(lines 1 to 2000 of 150001)"), answer[-50:])
-        self.assertEqual(self.health(client)["error_count"], 0)
-        usage = self.health(client, "read_file")["usage"]
-        usage = [(row["outcome"], row["alias_hit"], row["calls"]) for row in usage]
-        self.assertEqual(
-            usage,
-            [
-                ("bad_arguments", False, 14),
-                ("call_failed", False, 2),
-                ("ok", False, 2),
-                ("ok", True, 1),
-            ],
-        )
+        self.assertEqual(self.usage(client, "action", "outcome", "alias_hit", "slow"), {
+            ("text", "ok", False, True): 6,
+            ("text", "ok", True, True): 2,
+            ("files", "ok", False, False): 8,
+            ("files", "ok", True, False): 1,
+            (None, "bad_arguments", False, False): 13,
+        })
+        reads = self.usage(client, "outcome", "alias_hit", tool="read_file")
+        self.assertEqual((reads["call_failed", False], reads["ok", True]), (2, 1))
+        self.assertEqual((self.timed(client), self.timed(client, "read_file")), ((17, 0), (7, 2)))
 
-    def test_unreadable_file_is_the_calls_own_failure(self):
-        """Three calls on a file without permission, and a long line: the tool stays enabled."""
-        (self.sources / "secret").write_text("s")
-        (self.sources / "secret").chmod(0)
-        (self.sources / "line").write_text("l" * 100_001)
-        for capability in (1, 2):  # child processes inherit the loss: a mode holds for root too
-            ctypes.CDLL(None).prctl(24, capability, 0, 0, 0)
+    def test_times(self):
+        collector = TimingCollector()
+        collector.record("one", 1.23456, failed=False)
+        for duration in range(100, 0, -1):
+            collector.record("many", duration, failed=duration > 90)
+        one = dict(name="one", count=1, avg_ms=1.235, p95_ms=1.235, min_ms=1.235, max_ms=1.235)
+        many = dict(name="many", count=100, avg_ms=50.5, p95_ms=95, min_ms=1, max_ms=100)
+        self.assertEqual(collector.get_all_stats(), [one | {"errors": 0}, many | {"errors": 10}])
+        for _ in range(1000):  # those before are too long ago for the percentile
+            collector.record("many", 7, failed=False)
+        self.assertEqual(collector.get_all_stats()[1]["p95_ms"], 7)
+
+    def test_unreadable_files_and_directories(self):
+        """One that may not be read is the call's own failure; the tool fails without the root."""
+        (self.sources / "secret").touch(0)
+        (self.sources / "closed").mkdir(0)
         client = self.start(disable_after_errors=1)
-        for _ in range(3):
-            is_error, answer = client.call("read_file", {"path": "secret"})
-            self.assertEqual((is_error, answer[-17:]), (True, "Permission denied"))
-        answer = client.call("read_file", {"path": "line"})[1]
-        self.assertEqual(answer, "l" * 100_000 + "\n(line 1 of 1, cut after 100000 characters)")
-        self.assertEqual(self.outcomes(client, "read_file"), {"call_failed": 3, "ok": 1})
-        stats = json.loads(client.call("get_tool_performance_stats", {})[1])["tools"]
-        self.assertEqual(
-            [(stats[0][key]) for key in ("name", "count", "errors")], ["read_file", 4, 3]
-        )
+        for _ in range(2):
+            self.assertIn("Permission denied", client.call("read_file", {"path": "secret"})[1])
+        kinds = "1 x unreadable directories, 1 x unreadable files: Permission denied"
+        self.assertEqual(client.call("search", TEXT)[1], f"(no match)\n(not searched: {kinds})")
+        self.sources.chmod(0)
+        self.assertIn("PermissionError", client.call("search", FIND)[1])
+        self.sources.chmod(0o755)
+
+    def test_time_limit(self):
+        """It is looked at between files and between lines, and begins when the call does."""
+        (self.sources / "src" / "long").write_text("b\n" * (2 << 20))
+        for limit, tool, arguments in (
+            (0, "search", FIND),
+            (0, "search", TEXT | {"pattern": "alpha"}),
+            (0, "read_file", A_FILE),
+            (0.05, "search", TEXT),
+        ):
+            self.configure(TIME_LIMIT_S=limit)
+            client = self.start(disable_after_errors=1)
+            for _ in range(2):
+                stopped = rf"\A(\(no match\)|read_file cannot.*)\W+stopped after {limit} s"
+                self.assertRegex(client.call(tool, arguments)[1], stopped)
+        self.make_search_slow()
+        self.configure(TIME_LIMIT_S=1.5)
+        client = self.start()
+        asked = [client.ask("tools/call", call) for call in (*[SLOW] * WORKERS, FINDING)]
+        answers = {it["id"]: it["result"]["content"] for it in (client.receive() for _ in asked)}
+        self.assertEqual(answers[asked[-1]][0]["text"], "src/a.py")
 
 
 class ManyCalls(ServerCase):
     def test_answers_come_as_they_are_ready(self):
-        client = self.start_slow()
-        slow = [client.ask("tools/call", SLOW) for _ in range(config.WORKERS)]
-        began = time.monotonic()
-        self.assertEqual(client.request("ping", {}), {})
-        self.assertFalse(client.call("status", {})[0])
-        self.assertLess(time.monotonic() - began, 2)
-        ended = {client.receive()["id"] for _ in slow}
-        self.assertEqual(ended, set(slow))
-        self.assertGreater(time.monotonic() - began, 4)
-        self.assertEqual(self.outcomes(client), {"ok": config.WORKERS})
-
-    def test_cancelled_calls_are_not_answered(self):
-        client = self.start_slow(disable_after_errors=1)
-        running = [client.ask("tools/call", SLOW) for _ in range(config.WORKERS)]
-        queued = client.ask("tools/call", SLOW)
-        self.cancel(client, queued, "unknown", *running)
-        self.assertEqual(client.call("search", FIND), (False, "src/a.py"))
-        self.assertEqual(self.outcomes(client), {"cancelled": config.WORKERS + 1, "ok": 1})
-        self.assertEqual(self.health(client)["error_count"], 0)
-
-    def test_full_queue(self):
-        client = self.start_slow()
-        bound = config.WORKERS + config.MAX_QUEUED
-        asked = [client.ask("tools/call", SLOW) for _ in range(bound + 3)]
-        for refused in asked[bound:]:
+        """While workers and queue are full, when those calls are cancelled, and at the end."""
+        self.make_search_slow()
+        self.configure(GRACE_S=3)
+        client = self.start(disable_after_errors=1, flush_every=600)
+        asked = [client.ask("tools/call", SLOW) for _ in range(WORKERS + MAX_QUEUED + 3)]
+        for number in asked[-3:]:
             answer = client.receive()
-            self.assertEqual((answer["id"], answer["result"]["isError"]), (refused, True))
+            self.assertEqual((answer["id"], answer["result"]["isError"]), (number, True))
             self.assertIn("calls wait already", answer["result"]["content"][0]["text"])
-        self.cancel(client, *asked[:bound])
-        while client.call("search", FIND)[0]:
-            pass  # the workers see it at their next look
-        ended = self.outcomes(client)
-        self.assertEqual((ended["cancelled"], ended["ok"]), (bound, 1))
+        self.cancel(client, True, "1", "unknown")  # nobody's ids
+        client.send(message(method="notifications/progress", params={"requestId": 1}))
+        client.send(call("search", FIND, number=1))
+        self.assertEqual(client.receive()["error"]["code"], -32600)  # that id is in use
+        names = dict.fromkeys(("MainThread", "stdin", "stdout", "database", "status"), 1)
+        threads = {"os": 9, "python": 9, "python_by_name": {**names, "worker": WORKERS}}
+        self.assertEqual(self.data(client, key="threads"), {**threads, "budget": 9})
+        self.assertEqual(self.usage(client, "outcome"), {("overloaded",): 3})
+        self.cancel(client, *asked[:-3])
+        began = time.monotonic()
+        eventually(lambda: client.call("search", FIND) == FOUND)  # at the workers' next look
+        self.assertLess(time.monotonic() - began, 5)
+        ended = self.usage(client, "outcome")
+        self.assertEqual((ended["cancelled",], self.timed(client)), (len(asked) - 3, (1, 0)))
+        for _ in range(WORKERS):
+            client.ask("tools/call", SLOW)
+        client.request("ping", {})
+        client.process.send_signal(signal.SIGINT)
+        time.sleep(1)
+        client.ask("ping", {})  # is taken in no more
+        self.assertEqual((client.process.wait(30), client.process.stdout.read()), (0, b""))
+        cancelled = self.usage(self.start(), "outcome")["cancelled",]
+        self.assertEqual(cancelled, len(asked) - 3 + WORKERS)
 
     def test_one_call_goes_first_after_the_cooldown(self):
-        client = self.start_slow(disable_after_errors=1, cooldown_s=0.5)
-        client.request("ping", {})
-        self.sources.rename(self.directory / "away")
-        self.assertIn("FileNotFoundError", client.call("search", FIND)[1])
-        (self.directory / "away").rename(self.sources)
-        self.assertRegex(client.call("search", FIND)[1], "search is disabled.*useless")
-        time.sleep(0.6)
-        probe = client.ask("tools/call", SLOW)
-        for _ in range(20):
-            self.assertIn("another call is trying it now", client.call("search", FIND)[1])
-        self.cancel(client, probe)  # it does not lock the tool: the next one tries
-        client.request("ping", {})
-        self.assertEqual(
-            client.call("search", {"action": "text", "pattern": "(", "z": 1})[1][:4], "Bad "
-        )
-        self.assertEqual(client.call("search", FIND), (False, "src/a.py"))
-        together = [
-            client.ask("tools/call", {"name": "search", "arguments": FIND}) for _ in range(9)
-        ]
-        self.assertEqual({client.receive()["result"]["isError"] for _ in together}, {False})
+        """Whether the server has refused calls before, or was started with the tool disabled."""
+        options = {"disable_after_errors": 2, "cooldown_s": 2, "flush_every": 600}
+        self.make_search_slow()
+        client = self.start(**options)
+        client.request("ping", {})  # it is there
+        for is_new in (False, True):
+            self.sources.rename(self.directory / "away")
+            for _ in range(2):
+                self.assertIn("FileNotFoundError", client.call("search", FIND)[1])
+            (self.directory / "away").rename(self.sources)
+            if is_new:
+                client.process.terminate()
+                self.assertEqual(client.process.wait(30), 0)
+                client = self.start(**options)
+            else:
+                refused = "search is disabled.*FileNotFoundError.*useless.*in 2 s"
+                self.assertRegex(client.call("search", FIND)[1], refused)
+                usage = {("failed", None): 2, ("refused", None): 1}
+                self.assertEqual(self.usage(client, "outcome", "avg_ms"), usage)
+                self.assertEqual(self.timed(client), (2, 2))
+            time.sleep(2)
+            for _ in range(2):  # a probe that is cancelled lets the next one try, and only that
+                probe = client.ask("tools/call", SLOW)
+                for _ in range(9):
+                    self.assertIn("another call is trying it", client.call("search", FIND)[1])
+                self.cancel(client, probe)
+                client.request("ping", {})
+            self.assertIn("Bad arguments", client.call("search", {"z": 1})[1])
+            self.assertEqual(client.call("search", FIND), FOUND)
+            together = [client.ask("tools/call", FINDING) for _ in range(9)]
+            self.assertEqual({client.receive()["result"]["isError"] for _ in together}, {False})
+        self.assertEqual(self.log.read_text().count("search failed: FileNotFoundError"), 4)
 
 
 class Saving(ServerCase):
-    def test_failing_tool_is_refused_until_its_cooldown_has_passed(self):
-        options = {"disable_after_errors": 2, "cooldown_s": 4, "flush_every": 600}
-        client = self.start(**options)
-        client.call("search", FIND)
-        self.sources.rename(self.directory / "away")
-        for _ in range(2):
-            self.assertIn("FileNotFoundError", client.call("search", FIND)[1])
-        (self.directory / "away").rename(self.sources)
-        disabled_by = time.time()
-        is_error, text = client.call("search", FIND)
-        self.assertRegex(text, "search is disabled.*FileNotFoundError.*useless.*in 4 s")
-        before = self.health(client)
-        client.process.terminate()
-        self.assertEqual((is_error, client.process.wait()), (True, 0))
-        client = self.start(**options)
-        self.assertEqual(self.health(client), before)
-        self.assertEqual(client.call("search", FIND), (True, text))
-        time.sleep(max(0, disabled_by + 4 - time.time()))
-        self.assertEqual(client.call("search", FIND), (False, "src/a.py"))
-
-    def test_neither_a_locked_database_nor_a_client_that_left_costs_a_count(self):
+    def test_failing_saves_are_told_once_and_made_up_for(self):
+        """And signals that come during the last one change nothing."""
+        self.configure("repository.py", BUSY_TIMEOUT_S=1)
         client = self.start()
-        client.call("search", FIND)
-        with locked(self.db):
-            began = time.monotonic()
+        for told, saved in ((1, 1), (2, 3)):
             client.call("search", FIND)
-            self.assertLess(time.monotonic() - began, 3)
-            while "locked" not in self.log.read_text():  # a save has given up
-                time.sleep(0.1)
-            client.process.stdout.close()
-            client.send(tool_call(name="search", arguments=FIND))
-            time.sleep(0.5)
-        self.assertEqual((client.close(), self.saved_calls()), (0, 3))
-        self.assertEqual(self.log.read_text().count("locked"), 1)
-
-    def test_changes_that_are_lost_at_the_end(self):
-        """The last save fails: the message says what is lost, also when signals come meanwhile."""
-        client = self.start(flush_every=600)
+            reader, _ = self.in_database("BEGIN", "SELECT * FROM sqlite_master")
+            eventually(lambda: self.saved_calls() == saved)  # while another process reads
+            reader.close()
+            lock, _ = self.in_database("BEGIN IMMEDIATE")
+            client.call("search", {"action": "none"})
+            eventually(lambda: self.log.read_text().count("\n") == told)
+            if told == 1:
+                time.sleep(1.5)
+                lock.close()
+                self.assertEqual(self.log.read_text().count("\n"), 1)  # it is not told again
         client.call("search", FIND)
-        with locked(self.db):
-            for number in (signal.SIGTERM, signal.SIGINT, signal.SIGTERM):
-                client.process.send_signal(number)
-                time.sleep(0.3)
-            self.assertEqual(client.process.wait(), 1)
-        lost = f"The counts of the last 1 calls are lost, not saved to {self.db}"
-        lost = rf"\AERROR .*: {lost}: .*locked\n\Z"
-        self.assertRegex(self.log.read_text(), lost)
+        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGTERM):
+            client.process.send_signal(number)
+            time.sleep(0.2)
+        self.assertEqual(client.process.wait(30), 1)
+        told = f"save to {self.db} what stays", f"last 2 calls are lost, not saved to {self.db}"
+        told = [rf".* {re.escape(words)}.*: database is locked\n" for words in told]
+        self.assertRegex(self.log.read_text(), rf"\A(WARNING{told[0]}){{2}}ERROR{told[1]}\Z")
 
     def test_what_was_saved_outlives_kills_and_a_read_only_file(self):
         saved = 0
         for _ in range(3):
             client = self.start(flush_every=0.0001)
-            client.call("search", FIND)
-            self.assertGreater(self.health(client)["call_count"], saved)
-            for _ in range(300):
-                client.ask("tools/call", {"name": "search", "arguments": FIND})
-            before = saved
-            while saved < before + 20:
-                saved = self.saved_calls()
+            for _ in range(WORKERS + MAX_QUEUED):
+                client.ask("tools/call", FINDING)
+            client.receive()  # it has opened its database
+            eventually(lambda: self.saved_calls() >= saved + 20)
+            saved = self.saved_calls()
             client.process.kill()
+            client.process.wait()
         self.assertEqual((self.start().close(), self.log.read_text()), (0, ""))
-        content, saved = self.db.read_bytes(), self.saved_calls()
+        saved = self.saved_calls()
         self.db.chmod(0o444)
-        for capability in (1, 2):  # child processes inherit the loss: a mode holds for root too
-            ctypes.CDLL(None).prctl(24, capability, 0, 0, 0)
-        for mode in (0o755, 0o555):
+        for mode, known in ((0o555, saved), (0o755, saved), (0o555, 0)):
             self.directory.chmod(mode)
+            if not known:  # as at a first start
+                self.db.rename(self.sources / "db")
+                self.assertEqual(self.start().close(), 0)  # nothing to save, nothing lost
             client = self.start()
-            client.call("search", FIND)
-            self.assertEqual((self.health(client)["call_count"], client.close()), (saved + 1, 1))
-        self.db.rename(self.sources / "db")
-        self.assertEqual(self.start().close(), 0)  # nothing to save, nothing lost
+            self.assertEqual(client.call("search", FIND), FOUND)
+            self.assertEqual(self.usage(client, "outcome")["ok",], known + 1)
+            self.assertEqual(client.close(), 1)
         self.directory.chmod(0o755)
-        self.assertEqual((self.sources / "db").read_bytes(), content)
 
     def test_refused_at_the_start(self):
-        for options, told in (
-            ({"repo": self.db}, "no directory"),
-            ({"db": self.sources}, "no file can be there"),
-            ({"db": "/no/such/db"}, "no file can be there"),
-            ({"db": ""}, "no file can be there"),
-            ({"flush_every": 0}, "must be more than 0"),
+        for told, options in (
+            ("no directory", {"repo": self.log}),
+            ("no file can be there: '/no/db'", {"db": "/no/db"}),
+            ("no file can be there: '/tmp'", {"db": "/tmp"}),
+            ("flush-every: must be more than 0", {"flush_every": 0}),
+            ("cooldown-s: must be more than 0", {"cooldown_s": "inf"}),
         ):
-            with self.subTest(options):
-                self.log.write_text("")
-                self.assertEqual(self.start(**options).close(), 2)
-                self.assertIn(told, self.log.read_text())
-        self.module.rename(self.module.with_name("health.cpython-399.so"))
-        self.log.write_text("")
+            self.assertEqual(self.start(**options).close(), 2)
+            self.assertIn(told, self.log.read_text())
+        (self.host / "utils" / "timing.py").unlink()
         self.assertEqual(self.start().close(), 1)
-        told = self.log.read_text()
-        for words in ("is not built for", sys.executable, "(Python 3.13.", "health.cpython-399.so"):
-            self.assertIn(words, told)
+        self.assertRegex(self.log.read_text(), r"ModuleNotFoundError: .*\.utils\.timing'")
+        self.module.rename(self.module.with_name("health.cpython-399.so"))
+        self.assertEqual(self.start().close(), 1)
+        told = rf"is not built for {sys.executable} \(Python 3.13.*built.*: health.cpython-399.so"
+        self.assertRegex(self.log.read_text(), told)
 
 
 class Demo(ServerCase):
+    def play(self, directory, act=lambda demo: None):
+        """Start the demo, act on it after its first lines: its status, output and errors."""
+        command = [sys.executable, "-m", f"{self.host.name}.demo", directory]
+        scratch = self.enterContext(tempfile.TemporaryDirectory())
+        settings = os.environ | {"COLUMNS": "80", "TMPDIR": scratch}
+        with subprocess.Popen(command, cwd=self.directory, env=settings, text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE) as demo:
+            shown = demo.stdout.readline() + demo.stdout.readline()
+            act(demo)
+            shown += "" if demo.stdout.closed else demo.stdout.read()
+            errors = demo.stderr.read()
+        self.assertEqual(os.listdir(scratch), [])
+        return demo.returncode, shown, errors
+
     def test_demo(self):
         (self.sources / "bell").write_text("the \x1b[31mbell\x07\n")
-        run = [sys.executable, "-m", f"{self.host.name}.demo"]
-        environment = os.environ | {"COLUMNS": "80", "TMPDIR": str(self.directory / "src")}
-        (self.directory / "src").mkdir()
-        ended = subprocess.run(
-            [*run, self.sources],
-            cwd=self.directory,
-            env=environment,
-            capture_output=True,
-            text=True,
-        )
-        self.assertEqual((ended.returncode, ended.stderr), (0, ""))
-        self.assertLessEqual(max(map(len, ended.stdout.splitlines())), 80)
-        self.assertTrue(
-            all(character.isprintable() or character == "\n" for character in ended.stdout)
-        )
-        slowest = int(ended.stdout.partition("the slowest after ")[2].split()[0])
+        status, shown, errors = self.play(self.sources)
+        self.assertEqual((status, errors), (0, ""))
+        self.assertLessEqual(max(map(len, shown.splitlines())), 80)
+        self.assertTrue(all(it.isprintable() or it == "\n" for it in shown))
+        slowest = int(shown.partition("the slowest after ")[2].split()[0])
         self.assertLess(slowest, 3000, "a call has waited for the database")
-        self.assertIn("synonyms", ended.stdout)
-        for how in ("a pipe that closes", "an interrupt"):
-            with self.subTest(how), subprocess.Popen(
-                [*run, self.sources],
-                cwd=self.directory,
-                env=environment,
-                text=True,
-                stdout=subprocess.PIPE,
-                stderr=subprocess.PIPE,
-            ) as demo:
-                demo.stdout.readline(), demo.stdout.readline()
-                if how == "an interrupt":
-                    demo.send_signal(signal.SIGINT)
-                else:
-                    demo.stdout.close()
-                self.assertEqual((demo.stderr.read(), demo.wait()), ("", 0))
-        self.assertEqual(list((self.directory / "src").iterdir()), [])
-        ended = subprocess.run(
-            [*run, self.sources / "bell"], cwd=self.directory, capture_output=True
-        )
-        self.assertEqual((ended.returncode, ended.stderr[:13]), (1, b"no directory:"))
+
+    def test_demo_that_ends_early(self):
+        for end in (
+            lambda demo: demo.stdout.close(),
+            lambda demo: demo.send_signal(signal.SIGINT),
+            lambda demo: demo.terminate(),
+        ):
+            status, _, errors = self.play(self.sources, end)
+            self.assertEqual((status, errors), (0, ""))
+        self.assertEqual(self.play(self.sources / "none")[2][:13], "no directory:")
+        self.configure("tool_schemas.py", PARAMETER_SYNONYMS={})
+        status, _, errors = self.play(self.sources)
+        self.assertEqual(status, 1)
+        self.assertIn("Not as expected: the answer of search", errors)
