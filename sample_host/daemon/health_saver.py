@@ -31,12 +31,14 @@ class HealthSaver:
         told = ""  # the error that was logged last, so that it is not logged every few seconds
         while True:
             await asyncio.sleep(every_s)
+            if not self._tracker.has_unsaved_changes:
+                continue
             if (error := await self._save()) and error != told:
                 logger.warning("Could not save to %s what stays to be saved: %s", self._file, error)
             told = error
 
     async def save_at_the_end(self) -> bool:
-        """Save once more; false when what is left to save is lost."""
+        """Save once more, after a save that is still running; false when what is left is lost."""
         if error := await self._save():
             lost = self._count() - self._saved
             logger.error("The counts of the last %d calls are lost, not saved to %s: %s",
@@ -47,8 +49,7 @@ class HealthSaver:
         """Save what changed: the error's text, or an empty one."""
         counted = self._count()
         try:
-            if self._tracker.has_unsaved_changes:
-                await asyncio.get_running_loop().run_in_executor(self._thread, self._tracker.flush)
+            await asyncio.get_running_loop().run_in_executor(self._thread, self._tracker.flush)
         except Exception as error:
             return str(error)
         self._saved = counted

@@ -32,7 +32,6 @@ class Recovery:
         """A block that is the call. Raises Refused for one that is not let in."""
         disabled, last_error = self._tracker.is_disabled(tool)
         if disabled:
-            self._failing.add(tool)
             raise Refused(
                 f"{tool} is disabled because it kept failing; its last error was:"
                 f" {last_error or 'unknown'}. Calling it again now is useless: every call is"
@@ -41,13 +40,15 @@ class Recovery:
         if tool in self._probed:
             raise Refused(f"{tool} kept failing, and another call is trying it now. Ask later.")
         admission = Admission()
-        if tool not in self._failing:
-            yield admission  # no probe, however late it ends
-            return
-        self._probed.add(tool)
+        is_probe = tool in self._failing
+        if is_probe:
+            self._probed.add(tool)
         try:
             yield admission
         finally:  # whether it ended or was cancelled: it is the next one's turn
-            self._probed.discard(tool)
-            if admission.succeeded:
-                self._failing.discard(tool)
+            if is_probe:  # the late end of a call from before says nothing of the tool now
+                self._probed.discard(tool)
+                if admission.succeeded:
+                    self._failing.discard(tool)
+            if self._tracker.is_disabled(tool)[0]:
+                self._failing.add(tool)
