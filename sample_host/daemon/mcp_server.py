@@ -47,8 +47,7 @@ class McpServer:
         self._methods: dict[str, Callable[[Message], Message]] = {
             "initialize": self._initialize,
             "ping": lambda params: {},
-            "tools/list": self._list_tools,
-        }
+            "tools/list": self._list_tools}
 
     def receive(self, line: bytes) -> None:
         """Take one line; what it asks for is answered when it is ready. Never waits."""
@@ -133,11 +132,8 @@ class McpServer:
         # Versions are dates: the newest that the client may know is the newest up to the one asked.
         known = [version for version in PROTOCOL_VERSIONS if version <= asked]
         self._version = max(known, default=PROTOCOL_VERSIONS[-1])
-        return {
-            "protocolVersion": self._version,
-            "capabilities": {"tools": {}},
-            "serverInfo": {"name": "sample_host", "version": __version__},
-        }
+        info = {"name": "sample_host", "version": __version__}
+        return {"protocolVersion": self._version, "capabilities": {"tools": {}}, "serverInfo": info}
 
     def _list_tools(self, params: Message) -> Message:
         if params.get("cursor") is not None:

@@ -35,8 +35,7 @@ class Recovery:
             raise Refused(
                 f"{tool} is disabled because it kept failing; its last error was:"
                 f" {last_error or 'unknown'}. Calling it again now is useless: every call is"
-                f" refused until it is tried again, in {self._tracker.cooldown_s:g} s at most."
-            )
+                f" refused until it is tried again, in {self._tracker.cooldown_s:g} s at most.")
         if tool in self._probed:
             raise Refused(f"{tool} kept failing, and another call is trying it now. Ask later.")
         admission = Admission()

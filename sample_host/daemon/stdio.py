@@ -23,8 +23,8 @@ class Lines:
         self._room = threading.Semaphore(4)  # for so many reads that the loop has not taken
         self._answers: queue.SimpleQueue[bytes | None] = queue.SimpleQueue()
         threading.Thread(target=self._read, args=(source,), daemon=True, name="stdin").start()
-        self._writer = threading.Thread(target=self._write, args=(target,), name="stdout")
-        self._writer.daemon = True  # as is the other: see above
+        self._writer = threading.Thread(
+            target=self._write, args=(target,), daemon=True, name="stdout")
         self._writer.start()
 
     async def __aiter__(self) -> AsyncIterator[bytes]:
