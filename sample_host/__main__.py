@@ -44,7 +44,7 @@ async def _serve(options: argparse.Namespace) -> int:
     """Serve until the input ends or a signal comes; then save. Answers the exit status."""
     loop, the_end = asyncio.get_running_loop(), asyncio.Event()
     for number in (signal.SIGTERM, signal.SIGINT):
-        signal.signal(number, lambda *_: loop.call_soon_threadsafe(the_end.set))
+        signal.signal(number, lambda number, frame: loop.call_soon_threadsafe(the_end.set))
     database = ThreadPoolExecutor(1, "database")  # for all that waits for it: history and saves
     repository = Repository(options.repo, options.db)
     settings = ToolsConfig(options.disable_after_errors, options.cooldown_s)

@@ -1,11 +1,11 @@
 # The module as a whole: what its import needs and says, copies beside each other, and call sites
 # that the interpreter has specialised.
 #
-# For example, an import fails with the very words of the import statement that stands for it:
-#
-#     from host.config import ToolsConfig     # no such name
-#     ImportError: cannot import name 'ToolsConfig' from 'host.config' (unknown location)
+# For example, with a host whose configuration has another name, the import fails as that of plain
+# Python does: "cannot import name 'ToolsConfig' from 'host.config' (unknown location)", with the
+# same attributes, after the same imports.
 
+import builtins
 import dataclasses
 import itertools
 import sys
@@ -13,36 +13,19 @@ import unittest
 from unittest import mock
 
 from . import HealthCase, hosts
-from .worlds import TwinCase, put
+from .worlds import TwinCase, put, source
 
-STANDARD = [
-    "import json",
-    "import logging",
-    "import threading",
-    "import time",
-    "from dataclasses import dataclass",
-    "from datetime import datetime",
-    "from datetime import timezone",
-    "from typing import TYPE_CHECKING",
-    "from typing import Any",
-]
-SERVICES = [
-    "from {}.config import ToolsConfig",
-    "from {}.tool_registry import TOOLS",
-    "from {}.tool_schemas import is_slow_call",
-    "from {}.utils.process import ThreadCensus",
-    "from {}.utils.process import thread_census",
-    "from {}.utils.timing import get_timing_collector",
-]
-DAMAGE = {  # to the module of a service
-    "none": lambda module, name: None,
-    "no module": lambda module, name: sys.modules.pop(module.__name__),
-    "no name": lambda module, name: delattr(module, name),
-    "no name in a file": lambda module, name: put_aside(module, name, __file__="/srv/host.py"),
-    "a failing attribute": lambda module, name: put_aside(module, name, __getattr__=int),
-    "a module of that name": lambda module, name: sys.modules.update(
+SERVICES = [("config", "ToolsConfig"), ("tool_registry", "TOOLS"), ("tool_schemas", "is_slow_call"),
+            ("utils.process", "ThreadCensus"), ("utils.process", "thread_census"),
+            ("utils.timing", "get_timing_collector")]
+DAMAGE = [  # to the module of a service
+    lambda module, name: sys.modules.pop(module.__name__),
+    lambda module, name: delattr(module, name),
+    lambda module, name: vars(module).update(__file__="/srv/host.py", old=vars(module).pop(name)),
+    lambda module, name: vars(module).update(__getattr__=int, old=vars(module).pop(name)),
+    lambda module, name: sys.modules.update(  # a module of that name, which is not yet bound
         {f"{module.__name__}.{name}": vars(module).pop(name)}),
-}
+]
 # A call site that has been run often, and what is done then, which must show at once.
 HOT = [
     ("tracker.is_disabled('a')", "tracker._state['a'].disabled_at = 9e9"),
@@ -67,52 +50,55 @@ HOT = [
 ]
 
 
-# Give the name another one, and set the attributes.
-def put_aside(module, name, **attributes):
-    vars(module).update(attributes, put_aside=vars(module).pop(name))
-
-
 class Imports(unittest.TestCase):
-    # Importing the module fails as the statement does, or binds what that binds.
-    def check(self, host, statement):
-        def told(error):
+    # What an import comes to: the error and what it says of itself, or the value of a name.
+    def load(self, host, name="logger"):
+        try:
+            return getattr(host.load(), name)
+        except BaseException as error:
             return type(error), str(error), *(getattr(error, fact, None) for fact in (
                 "name", "path", "name_from"))
 
-        names = {}
-        try:
-            exec(statement, names)
-        except Exception as error:
-            with self.assertRaises(Exception) as caught:
-                host.load()
-            self.assertEqual(told(caught.exception), told(error))
-        else:
-            name = statement.split()[-1]
-            self.assertIs(getattr(host.load(), name), names[name])
-
     def test_host_modules(self):
-        for package, service in itertools.product(("host", "org.team.host"), SERVICES):
-            for how, damage in DAMAGE.items():
-                with self.subTest(package, how=how, service=service), mock.patch.dict(sys.modules):
-                    with hosts.Host(package, load=False) as host:
-                        _, module, _, name = service.format(package).split()
-                        damage(sys.modules[module], name)
-                        self.check(host, service.format(package))
+        packages = "host", "org.team.host"
+        for package, (place, name), damage in itertools.product(packages, SERVICES, DAMAGE):
+            def told(implementation):
+                with mock.patch.dict(sys.modules):
+                    with hosts.Host(package, implementation, load=False) as host:
+                        module = sys.modules[f"{package}.{place}"]
+                        expected = getattr(module, name)
+                        damage(module, name)
+                        loaded = self.load(host, name)
+                        return loaded is expected or loaded
 
-    # What stands first fails first, when everything from there on is missing.
+            with self.subTest(source(damage), package=package, name=name):
+                self.assertEqual(told(hosts.MODULE), told(hosts.PLAIN))
+
+    # The same imports, in order, whichever of them is interrupted.
     def test_order(self):
-        order = [statement.format("host") for statement in STANDARD + SERVICES]
-        for at, statement in enumerate(order):
-            missing = dict.fromkeys(later.split()[1] for later in order[at:])
-            with self.subTest(statement), hosts.Host(load=False) as host:
-                with mock.patch.dict(sys.modules, missing):
-                    self.check(host, statement)
+        def told(implementation, interrupted_at):
+            def counting(name, names=None, *rest):
+                if (names or {}).get("__name__") == host.full_name:
+                    imports.append((name.replace("host.", ""), rest[1]))
+                    if len(imports) == interrupted_at:
+                        raise KeyboardInterrupt
+                return usual(name, names, *rest)
+
+            imports, usual = [], builtins.__import__
+            with hosts.Host("host", implementation, load=False) as host:
+                with mock.patch.object(builtins, "__import__", counting):
+                    return self.load(host)[:1] if interrupted_at else self.load(host).name, imports
+
+        _, imports = told(hosts.PLAIN, None)
+        self.assertGreater(len(imports), 12)
+        for at in range(len(imports) + 1):
+            self.assertEqual(told(hosts.MODULE, at), told(hosts.PLAIN, at))
 
     def test_without_a_host_package(self):
         for name in ("health", "tool_handlers.health"):
-            host = hosts.Host(load=False)
+            host = self.enterContext(hosts.Host(load=False))
             host.full_name = name
-            with self.subTest(name), self.assertRaises(ImportError) as caught, host:
+            with self.assertRaises(ImportError) as caught:
                 host.load(enter=False)
             self.assertEqual(str(caught.exception), f"{name!r} must be a submodule of the"
                              " 'tool_handlers' package of a host package")
@@ -120,8 +106,7 @@ class Imports(unittest.TestCase):
     # Without an entry in sys.modules the module loads, and leaves none; nor does a failure.
     def test_loaded_by_path(self):
         host = self.enterContext(hosts.Host("by.path", load=False))
-        module = host.load(enter=False)
-        self.assertEqual((module._Usage(3).calls, host.full_name in sys.modules), (3, False))
+        self.assertEqual(host.load(enter=False)._Usage(3).calls, 3)
         with mock.patch("dataclasses.dataclass", side_effect=OSError("no")):
             self.assertRaises(OSError, host.load, enter=False)
         self.assertNotIn(host.full_name, sys.modules)

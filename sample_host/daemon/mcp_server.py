@@ -77,7 +77,7 @@ class McpServer:
             else:
                 batch = cast("list[Any]", message) if isinstance(message, list) else []
                 is_batch = bool(batch) and self._version == BATCH_VERSION
-                messages = batch if is_batch else [message]
+                messages: list[Any] = batch if is_batch else [message]
                 answers = await asyncio.gather(*map(self._answer, messages))
         told = [answer for answer in answers if answer is not None]
         if told:
