@@ -202,8 +202,8 @@ def outcome(function, *args, **kwargs):
         return typed(function(*args, **kwargs))
     except BaseException as error:
         told = ["raised", type(error).__name__, str(error)]
-        if name := getattr(error, "name", None):
-            told.append(name)
+        if isinstance(error, NameError):
+            told.append(error.name)
         while error := error.__context__:
             told.append(type(error).__name__)
         return tuple(told)

@@ -58,15 +58,20 @@ INNER_PLACES = [
     lambda health, evil: put(health, json=types.SimpleNamespace(
         dumps=json.dumps, loads=lambda text: [evil(ENTRY), ENTRY | {"action": evil("text")}])),
 ]
-# What the object does when it is asked for anything; `number` tells how often that was.
+# What the object does when it is asked for anything; `number` tells how often that was. The first
+# are not tried in a summary: that describes the instant at which it took the lock.
+TO_ENTRIES = [
+    lambda tracker: tracker._usage.clear(),
+    lambda tracker, health, number: tracker._usage.update({("b", number, "", 0): health._Usage(1)}),
+    lambda tracker, health: tracker._usage.update({KEY: health._Usage(70, 70, 70.0)}),
+    lambda tracker: (tracker._state.update(a=None), tracker._usage.update({KEY: None})),
+]
 MISCHIEF = [
     lambda number: raise_it(ValueError(number)),
     lambda: raise_it(KeyboardInterrupt()),
     lambda tracker: tracker._state.clear(),
-    lambda tracker: tracker._usage.clear(),
     lambda tracker: tracker._dirty.clear(),
     lambda tracker, health, number: tracker._state.update({number: health._ToolState(number)}),
-    lambda tracker, health, number: tracker._usage.update({("b", number, "", 0): health._Usage(1)}),
     lambda tracker: vars(tracker).clear(),
     lambda tracker: put(tracker, __dict__={}),
     lambda tracker: put(tracker, __dict__=vars(tracker) | {
@@ -74,8 +79,6 @@ MISCHIEF = [
     lambda tracker: put(tracker, _state={}, _usage={}),
     lambda tracker: put(tracker, _dirty=set()),
     lambda tracker, health: tracker._state.update(a=health._ToolState(7, 7, "other", 3.0, 4.0, 7)),
-    lambda tracker, health: tracker._usage.update({KEY: health._Usage(70, 70, 70.0)}),
-    lambda tracker: (tracker._state.update(a=None), tracker._usage.update({KEY: None})),
     lambda record, counts: (delattr(record, "call_count"), delattr(counts, "calls")),
     lambda tracker: (delattr(tracker, "_dirty"), delattr(tracker, "_usage")),
     lambda tracker: delattr(tracker, "_usage_dirty"),
@@ -103,9 +106,6 @@ AGAIN = [
     lambda tracker: tracker.get_health_summary(),
     lambda tracker: (tracker._load(), tracker._load_usage()),
 ]
-# A summary describes the instant at which it took the lock: what is done to the entries of the maps
-# later is not in it. These are left out there.
-NOT_IN_A_SUMMARY = {MISCHIEF[3], MISCHIEF[6], MISCHIEF[13], MISCHIEF[14]}
 # What stands in one of the tracker's fields.
 WRONG = [
     lambda: None,
@@ -187,7 +187,7 @@ class Lock:
 
 
 LOCKS = [  # and the mischiefs that are tried with a lock of that kind
-    (threading.Lock, MISCHIEF),
+    (threading.Lock, TO_ENTRIES + MISCHIEF),
     (threading.RLock, AGAIN),
     (lambda: Lock(verdict=True), MISCHIEF[:2]),
     (lambda: Lock(at_exit=OSError("exit")), MISCHIEF[:2]),
@@ -219,22 +219,15 @@ def evil_method(name, run):
     return method
 
 
-def enter(lock):
-    return type(lock).__enter__(lock)
-
-
-def leave(lock, *error):
-    return type(lock).__exit__(lock, *error)
-
-
-for run in (int, float, bool, str, iter, len, hash, round, format, enter):
-    setattr(Evil, f"__{run.__name__}__", evil_method(run.__name__, run))
-for name in "index neg add sub truediv iadd eq lt gt ge le getitem contains setitem call".split():
-    setattr(Evil, f"__{name}__", evil_method(name, getattr(operator, name)))
-for name in ("add", "sub", "truediv"):
-    run = getattr(operator, name)
-    setattr(Evil, f"__r{name}__", evil_method(f"r{name}", lambda right, left, run=run: run(left, right)))
-Evil.__exit__ = evil_method("exit", leave)
+RUN = {run.__name__: run for run in (int, float, bool, str, iter, len, hash, round, format)}
+RUN |= {name: getattr(operator, name) for name in (
+    "index neg add sub truediv iadd eq lt gt ge le getitem contains setitem call".split())}
+RUN |= {"radd": lambda right, left: left + right, "rsub": lambda right, left: left - right,
+        "rtruediv": lambda right, left: left / right,
+        "enter": lambda lock: type(lock).__enter__(lock),
+        "exit": lambda lock, *error: type(lock).__exit__(lock, *error)}
+for name, run in RUN.items():
+    setattr(Evil, f"__{name}__", evil_method(name, run))
 
 
 # A subclass of a builtin class with methods of its own: each first does its mischief.
@@ -301,7 +294,7 @@ class Hostile(TwinCase):
     def assertSameIn(self, operations, place, mischief, kind=Evil, lock=threading.Lock, **about):
         reached = []
         for operation in operations:
-            if mischief in NOT_IN_A_SUMMARY and "get_health_summary" in source(operation):
+            if mischief in TO_ENTRIES and "get_health_summary" in source(operation):
                 continue
             about |= {"mischief": source(mischief), "operation": source(operation)}
             self.assertSame(self.case(place, mischief, operation, kind, lock), **about)
