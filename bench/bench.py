@@ -9,7 +9,6 @@ FLOOR_MODULE.
 """
 
 import argparse
-import faulthandler
 import gc
 import importlib.util
 import json
@@ -26,11 +25,9 @@ from types import SimpleNamespace
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
-from bench import daemon  # noqa: E402
-from bench.plot import draw  # noqa: E402  (the checkout has to be importable first)
-from tests.hosts import PLAIN, Host, ThreadCensus, Tool, typed  # noqa: E402
-
-faulthandler.cancel_dump_traceback_later()  # the tests' watchdog
+from bench import daemon  # noqa: E402  (the checkout has to be importable first)
+from bench.hosts import PLAIN, Host, ThreadCensus, Tool, typed  # noqa: E402
+from bench.plot import draw  # noqa: E402
 
 ACTIONS = 5
 SUMMARY_SIZES = [(20, 3), (200, 10), (1000, 5)]

@@ -1,7 +1,8 @@
 import faulthandler
 import unittest
 
-from . import hosts
+from bench import hosts
+
 
 faulthandler.dump_traceback_later(280, exit=True)  # a dead-lock shows where it is before CTest ends the test
 

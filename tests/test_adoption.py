@@ -19,7 +19,8 @@ import unittest
 from pathlib import Path
 from unittest import mock
 
-from . import hosts
+from bench import hosts
+
 
 MODULE = Path(hosts.MODULE)
 STUB = hosts.CHECKOUT / "tool_handlers/health/health.pyi"

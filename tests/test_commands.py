@@ -13,7 +13,8 @@ from pathlib import Path
 
 import sample_host
 
-from . import hosts
+from bench import hosts
+
 
 TOOLS = "bash basename cat command dirname env g++ make pwd rm sed sh".split()
 GOOD = f"'{sys.executable}' \"$@\""  # the script of an interpreter that will do

@@ -20,7 +20,9 @@ import unittest
 import weakref
 from unittest import mock
 
-from . import HealthCase, hosts
+from bench import hosts
+
+from . import HealthCase
 from .worlds import ENTRY, KEY, World, put, source
 
 
@@ -114,10 +116,6 @@ ENDLESS = [
      lambda tracker: tracker.cooldown_s),
     (lambda health: put(health, get_timing_collector=health.handle_get_tool_performance_stats),
      lambda health: health.get_timing_collector()),
-    (lambda health: put(health, thread_census=functools.partial(health.thread_census_report, 5)),
-     lambda health: health.thread_census()),
-    (lambda tracker: put(tracker, _flush_health=tracker.flush),
-     lambda tracker: tracker.flush()),
     (lambda tracker_class, repository: put(tracker_class, _load=staticmethod(
         functools.partial(tracker_class, repository))),
      lambda tracker_class, repository: tracker_class(repository)),
@@ -125,8 +123,6 @@ ENDLESS = [
      lambda health: health._known("a", None)),
     (lambda tracker: put(tracker, _usage=Namespace(items=functools.partial(tracker._usage_rows, "a"))),
      lambda tracker: tracker._usage_rows("a")),
-    (lambda tracker: put(tracker, _lock=threading.RLock(), _state=Namespace(get=tracker.is_disabled)),
-     lambda tracker: tracker.is_disabled("a")),
     (lambda tracker: put(tracker, _lock=threading.RLock(), _dirty=Namespace(add=tracker.record_success)),
      lambda tracker: tracker.record_success("a")),
     *((lambda tracker, tracker_class, field=field: put(tracker, _lock=threading.RLock()) and put(

@@ -12,10 +12,12 @@ import threading
 import time
 import unittest
 
-from . import children, hosts
+from bench import hosts
+
+from . import children
 
 PLAY = "from tests import test_interpreters; test_interpreters.SCENES[{!r}]()".format
-LOAD = "import sys; sys.path.insert(0, 'tests'); import hosts; hosts.Host()"
+LOAD = "import sys; sys.path.insert(0, 'bench'); import hosts; hosts.Host()"
 REFUSAL = "module host.tool_handlers.health does not support loading in subinterpreters"
 
 

@@ -11,7 +11,9 @@ import tempfile
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-from . import HealthCase, hosts
+from bench import hosts
+
+from . import HealthCase
 
 ROUNDS, TOOLS, REPORTERS = 400, "abc", 6
 

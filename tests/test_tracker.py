@@ -11,11 +11,12 @@
 import dataclasses
 import sqlite3
 import tempfile
-import threading
 from pathlib import Path
 from unittest import mock
 
-from . import HealthCase, hosts
+from bench import hosts
+
+from . import HealthCase
 
 START = 1_700_000_000.0  # the clock's first reading
 STARTED = "2023-11-14 22:13:20"  # the same as text
@@ -103,22 +104,6 @@ class History(HealthCase):
             '[{"tool":"zz","action":null,"outcome":"ok\\n","alias_hit":false,"calls":1,'
             '"timed_calls":1,"total_ms":0.062},{"tool":"a","action":"text","outcome":"ok",'
             '"alias_hit":true,"calls":1,"timed_calls":1,"total_ms":3.0}]'))])
-
-    # A database that calls back into the tracker, and another thread: no wait, no mark lost.
-    def test_changes_during_a_flush(self):
-        def busy(*_):
-            for work in (lambda: self.fill(tracker), tracker.get_health_summary):
-                thread = threading.Thread(target=work, daemon=True)
-                thread.start()
-                thread.join(5)
-                self.assertFalse(thread.is_alive())
-                work()
-
-        tracker = self.host.tracker()
-        self.fill(tracker)
-        tracker._repo.db.answers.update(executemany=busy, execute=busy)
-        self.assertEqual(tracker.flush(), 5)
-        self.assertEqual((tracker._dirty, tracker._usage_dirty), ({*"abc"}, True))
 
     # Whichever statement fails, nothing counted is lost, and a tool that is gone stays gone.
     def test_restart_after_each_statement_failed(self):

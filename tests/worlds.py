@@ -16,7 +16,8 @@ import re
 import types
 import unittest
 
-from . import hosts
+from bench import hosts
+
 
 KEY = ("a", "text", "ok", False)
 TIME = "2023-11-14 22:13:20"

@@ -1,13 +1,14 @@
-# Throw-away host packages, each with its own copy of the module under test, and the services around
-# it.
-#
-# Needs nothing but the standard library and no test framework: child processes and the benchmark
-# use it too. For example:
-#
-#     with hosts.Host("myhost") as host:
-#         tracker = host.tracker(limits=hosts.ToolsConfig(disable_after_errors=1))
-#         tracker.record_error("search", "boom")
-#         assert host.health._known("search", None) is False
+"""Throw-away host packages, each with its own copy of the module under test, and the services around
+it.
+
+Needs nothing but the standard library and no test framework: child processes and the benchmark
+use it too. For example:
+
+    with hosts.Host("myhost") as host:
+        tracker = host.tracker(limits=hosts.ToolsConfig(disable_after_errors=1))
+        tracker.record_error("search", "boom")
+        assert host.health._known("search", None) is False
+"""
 
 import dataclasses
 import functools
@@ -39,14 +40,16 @@ ThreadCensus = dataclasses.make_dataclass(
     "ThreadCensus", ["os_threads", "python_total", "python_threads"])
 
 
-# A registry entry, the set of its actions; an action's name may be empty.
 class Tool(frozenset):
+    """A registry entry, the set of its actions; an action's name may be empty."""
+
     def action(self, name):
         return name if name in self else None
 
 
-# Stands in for the module's ``time``: readings answer ``now``, or raise it.
 class Clock:
+    """Stands in for the module's ``time``: readings answer ``now``, or raise it."""
+
     def __init__(self, now=1_700_000_000.0):
         self.now, self.reads = now, 0
 
@@ -62,12 +65,14 @@ class LockHeld(BaseException):
     it."""
 
 
-# The methods that a tracker calls; ``calls`` keeps every call in order.
-#
-# ``answers`` says by method what a call does: an exception is raised, a callable is called, and
-# anything else is the result. The call whose number is ``fail_at``, counted from 1, raises
-# sqlite3.OperationalError.
 class Database:
+    """The methods that a tracker calls; ``calls`` keeps every call in order.
+
+    ``answers`` says by method what a call does: an exception is raised, a callable is called, and
+    anything else is the result. The call whose number is ``fail_at``, counted from 1, raises
+    sqlite3.OperationalError.
+    """
+
     def __init__(self, **answers):
         self.answers, self.calls, self.fail_at, self.tracker = answers, [], None, None
 
@@ -88,16 +93,18 @@ class Database:
         return answer(*arguments) if callable(answer) else answer
 
 
-# Whether a lock of any kind is held; by the calling thread if it can be taken repeatedly.
 def is_held(lock):
+    """Whether a lock of any kind is held; by the calling thread if it can be taken repeatedly."""
     return (getattr(lock, "_is_owned", None) or getattr(lock, "locked", bool))()
 
 
-# A host package in sys.modules, and in ``health`` its copy of the module, until the ``with``
-# block ends.
-#
-# ``warnings`` collects what the module logs, as (format, arguments).
 class Host(logging.Handler):
+    """A host package in sys.modules, and in ``health`` its copy of the module, until the ``with``
+    block ends.
+
+    ``warnings`` collects what the module logs, as (format, arguments).
+    """
+
     def __init__(self, name="host", implementation=None, load=True):
         super().__init__()
         self.implementation = implementation or MODULE
@@ -130,9 +137,10 @@ class Host(logging.Handler):
         if parent:
             setattr(sys.modules[parent], child, module)
 
-    # Import the module the way the import machinery does, or as a harness that does not enter
-    # it in sys.modules. A second time gives a second copy.
     def load(self, enter=True):
+        """Import the module the way the import machinery does, or as a harness that does not enter
+        it in sys.modules. A second time gives a second copy.
+        """
         if not Path(self.implementation).exists():
             raise FileNotFoundError(f"{self.implementation} is not built; run script/bootstrap")
         spec = importlib.util.spec_from_file_location(self.full_name, self.implementation)
@@ -146,8 +154,8 @@ class Host(logging.Handler):
     def emit(self, record):
         self.warnings.append((record.msg, record.args))
 
-    # SQLite behind the methods that a tracker calls.
     def database(self, path=":memory:"):
+        """SQLite behind the methods that a tracker calls."""
         connection = sqlite3.connect(path, isolation_level=None, check_same_thread=False)
         connection.executescript(SCHEMA)
         self.connections.append(connection)
@@ -156,9 +164,10 @@ class Host(logging.Handler):
                         fetchone=lambda sql, parameters: run(sql, parameters).fetchone(),
                         executemany=connection.executemany)
 
-    # A tracker whose database knows it before the history is read, and so can watch its
-    # lock.
     def tracker(self, db=None, limits=None, cls=None):
+        """A tracker whose database knows it before the history is read, and so can watch its
+        lock.
+        """
         db = db or self.database()
         cls = cls or self.health.ToolHealthTracker
         db.tracker = tracker = cls.__new__(cls)
@@ -179,9 +188,10 @@ class Host(logging.Handler):
                 vars(sys.modules[parent]).pop(child, None)
 
 
-# A value as plain data by which two copies of the module can be compared: 1, True and 1.0
-# differ.
 def typed(value):
+    """A value as plain data by which two copies of the module can be compared: 1, True and 1.0
+    differ.
+    """
     kind = type(value).__name__
     if isinstance(value, dict):
         return kind, [(typed(key), typed(item)) for key, item in value.items()]
@@ -195,9 +205,10 @@ def typed(value):
     return kind, repr(value)
 
 
-# What a call comes to: its typed result, or the kind and text of what it raises, the name that
-# this is about, and the kinds of those errors that were being handled then.
 def outcome(function, *args, **kwargs):
+    """What a call comes to: its typed result, or the kind and text of what it raises, the name that
+    this is about, and the kinds of those errors that were being handled then.
+    """
     try:
         return typed(function(*args, **kwargs))
     except BaseException as error:
@@ -207,9 +218,3 @@ def outcome(function, *args, **kwargs):
         while error := error.__context__:
             told.append(type(error).__name__)
         return tuple(told)
-
-
-# The four guarded fields of a tracker as plain data, and whether its lock is held.
-def state_of(tracker):
-    names = ("_state", "_dirty", "_usage", "_usage_dirty")
-    return [typed(getattr(tracker, name, "absent")) for name in names], tracker._lock.locked()
