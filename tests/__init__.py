@@ -4,7 +4,8 @@ import unittest
 from bench import hosts
 
 
-faulthandler.dump_traceback_later(280, exit=True)  # a dead-lock shows where it is before CTest ends the test
+# A dead-lock shows where it is before CTest ends the test.
+faulthandler.dump_traceback_later(280, exit=True)
 
 
 # A host package of its own for each test, its module on a scripted clock.

@@ -9,5 +9,6 @@ from pathlib import Path
 # in silence.
 def check(case, code, *options, timeout=240):
     command = [sys.executable, "-X", "faulthandler", *options, "-c", code]
-    child = subprocess.run(command, cwd=Path(__file__).parent.parent, capture_output=True, text=True, timeout=timeout)
+    child = subprocess.run(command, cwd=Path(__file__).parent.parent, capture_output=True,
+                           text=True, timeout=timeout)
     case.assertEqual((child.returncode, child.stdout + child.stderr), (0, ""))

@@ -48,6 +48,9 @@ INNER_PLACES = [
     lambda tracker, dying: tracker._state.update(a=dying(9), new=dying(9)),
     lambda tracker, dying: tracker._usage.update({KEY: dying(9)}),
     lambda tracker, dying: put(tracker, _usage_dirty=dying(1)),
+    lambda tracker, health, dying: (
+        put(health, time=types.SimpleNamespace(time=lambda: dying(5))), tracker._state.update(a=type(
+            "KeepsNothing", (), {"__setattr__": lambda *_: None, "__getattr__": lambda *_: 0})())),
     lambda world, evil: put(world, rows=[evil(world.rows[0]), world.rows[1]]),
     lambda world, evil: put(world, row=(evil(world.row[0]),)),
     lambda world, evil: put(world, timings=[evil(world.timings[0]), world.timings[1]]),
@@ -76,14 +79,12 @@ MISCHIEF = [
     lambda tracker: put(tracker, _state={}, _usage={}),
     lambda tracker, health: tracker._state.update(a=health._ToolState(7, 7, "other", 3.0, 4.0, 7)),
     lambda record, counts: (delattr(record, "call_count"), delattr(counts, "calls")),
-    lambda tracker: (delattr(tracker, "_dirty"), delattr(tracker, "_usage")),
-    lambda tracker: delattr(tracker, "_usage_dirty"),
+    lambda tracker: [delattr(tracker, field) for field in ("_dirty", "_usage", "_usage_dirty")],
     lambda record: put(record, disabled_at=None, last_error=None),
     lambda tracker_class: put(tracker_class, _dirty=property(lambda _: {5}, lambda *_: None)),
     lambda tracker_class, evil: put(tracker_class, _usage=property(lambda _: evil(1) and {})),
     lambda tracker_class: put(tracker_class, cooldown_s=0, _usage_rows=lambda self, name: [name]),
     lambda health: put(health._ToolState, call_count=property(lambda _: 7, lambda *_: None)),
-    lambda health: put(health._Usage, calls=3),
     lambda health: put(health._ToolState, __setattr__=lambda record, name, value:
                        object.__setattr__(record, name, 8)),
     lambda world, tracker: put(tracker, __class__=watched(world)),
@@ -103,7 +104,6 @@ AGAIN = [
 # What stands in one of the tracker's fields.
 WRONG = [
     lambda: None,
-    lambda: 5,
     lambda: ["ab", ("a", "b", "c", "d")],
     lambda: {"a": 5, "off": None, KEY: 5, KEY[:3]: 5},
     lambda: {"a", 5},

@@ -122,9 +122,9 @@ class World(hosts.Host):
         fields = [(name, hosts.typed(value)) for name, value in vars(self.tracker).items()
                   if name not in ("_repo", "_limits", "_lock")]
         lock = bare(vars(self.tracker).get("_lock"))
-        seen = [result, fields, hosts.is_held(lock), self.clock.reads, self.log,
-                hosts.typed(self.db.calls), [(text, *map(repr, args)) for text, args in self.warnings]]
-        return OWN.sub("", repr(seen))
+        calls, warnings = hosts.typed(self.db.calls), repr(self.warnings)
+        return OWN.sub("", repr(
+            (result, fields, hosts.is_held(lock), self.clock.reads, self.log, calls, warnings)))
 
 
 class TwinCase(unittest.TestCase):

@@ -175,20 +175,19 @@ Ref parse_original(const std::array<int, 6>& fields)
                  : Ref{};
 }
 
-/// The nearest multiple of 1 / scale, if arithmetic on doubles finds it for certain. The product is within 2**-13 of
-/// the true one below the bound, so only a value that close to a tie is in doubt; and the quotient of two integers is
-/// the double nearest to the decimal, which is what `round` answers.
+/// The nearest multiple of 1 / scale, if arithmetic on doubles finds it for certain. A tie is a double below the bound,
+/// so that the product lies on the side of it where the true one does, unless it is the tie itself; and the quotient of
+/// two integers is the double nearest to the decimal, which is what `round` answers.
 bool round_quickly(double value, double scale, double& result)
 {
     constexpr double bound = 1099511627776.0;  // 2**40
-    constexpr double doubt = 0.001;
     const double scaled = value * scale;
     if (!(std::fabs(scaled) < bound)) {
         return false;
     }
     const double nearest = std::nearbyint(scaled);
     result = nearest / scale;
-    return std::fabs(scaled - nearest) < 0.5 - doubt;
+    return std::fabs(scaled - nearest) < 0.5;
 }
 
 }  // namespace
