@@ -48,9 +48,6 @@ INNER_PLACES = [
     lambda tracker, dying: tracker._state.update(a=dying(9), new=dying(9)),
     lambda tracker, dying: tracker._usage.update({KEY: dying(9)}),
     lambda tracker, dying: put(tracker, _usage_dirty=dying(1)),
-    lambda tracker, health, dying: (
-        put(health, time=types.SimpleNamespace(time=lambda: dying(5))), tracker._state.update(a=type(
-            "KeepsNothing", (), {"__setattr__": lambda *_: None, "__getattr__": lambda *_: 0})())),
     lambda world, evil: put(world, rows=[evil(world.rows[0]), world.rows[1]]),
     lambda world, evil: put(world, row=(evil(world.row[0]),)),
     lambda world, evil: put(world, timings=[evil(world.timings[0]), world.timings[1]]),

@@ -23,7 +23,7 @@ from unittest import mock
 
 from bench import hosts
 
-from .worlds import ENTRY, KEY, OPERATIONS, TIME, TwinCase, put, source
+from .worlds import ENTRY, KEY, NEW, OPERATIONS, TIME, TwinCase, put, source
 
 METHODS = ("__init__ _load _load_usage record_call record_success record_error is_disabled flush"
            " get_health_summary _usage_rows _flush_usage _flush_health").split()
@@ -113,6 +113,12 @@ REPLACED = [
     lambda health, db, tracker: (delattr(health, "_TOOL_HEALTH_COLUMNS"), db.answers.clear(),
                                  tracker.flush()),
     lambda health, tracker: (put(health, _TOOL_HEALTH_COLUMNS=5), tracker.flush(), tracker._load()),
+    lambda health: (put(health, datetime=Namespace(fromtimestamp=lambda *_: 5)),
+                    delattr(health, "_SQLITE_TIMESTAMP"), health._sqlite_time(5)),
+    lambda world, health, tracker: (tracker._state.clear(), put(
+        health, _ToolState=lambda: world.log.append("made")), tracker.get_health_summary()),
+    lambda health, tracker: (put(health, is_slow_call=lambda tool, action: type(tool)),
+                             tracker._usage_rows(Text("a"))),
 ]
 # What it meets: maps, numbers and texts that are not what the tracker puts there.
 MET = [
@@ -154,8 +160,21 @@ MET = [
     lambda tracker, counts: (put(tracker, _usage=Namespace(items=lambda: failing((KEY, counts)))),
                              tracker._usage_rows("a")),
     lambda tracker: (put(tracker, _usage=failing(KEY)), tracker.get_health_summary()),
+    lambda world, health, tracker, counts: (
+        put(health, is_slow_call=lambda *call: world.log.append(call)),
+        put(tracker, _usage={KEY: counts, ("z", ""): counts}), tracker.get_health_summary()),
     lambda health, tracker: (put(health, json=Namespace(loads=lambda text: failing(ENTRY))),
                              tracker._load_usage()),
+]
+# Objects that only the operation holds, and that look at the lock when they die.
+LOOKING = [
+    lambda world, tracker: (put(world.health, time=Namespace(time=lambda: looking(world, float)(5))),
+                            tracker.is_disabled("off")),
+    lambda world, tracker: (put(tracker, _state=Namespace(get=lambda name: looking(
+        world, Namespace)(**dict.fromkeys(FIELDS, 0)))),
+        tracker.record_success("a"), tracker.record_error("a", ""), tracker.is_disabled("a")),
+    lambda world, tracker: (put(tracker, _usage=Namespace(get=lambda key: looking(
+        world, Namespace)(calls=0))), tracker.record_call("a", **NEW)),
 ]
 # Steps of random programs, beside the operations.
 STEPS = [
@@ -211,6 +230,7 @@ TEXTS = (None, "", 0, b"", TIME, "2023-1-5 3:4:5", "2023-11-14 \t\n22:13:20", "0
          "2023-11-14 24:00:00", "2023-11-14 22:13:60", "0000-01-01 00:00:00", TIME + " ", TIME[2:],
          "2023-11-14T22:13:20", "2023-11-14 22:13:2x", "2023-11-14 22:13:2;",
          (TIME * 2).encode().decode("utf-16-le"))  # so long as a time, and with the bytes of one
+FIELDS = "call_count", "error_count", "consecutive_errors", "disabled_at", "last_error"
 FAR_EAST = datetime.timezone(datetime.timedelta(hours=9))
 Module, Namespace, Text = types.ModuleType, types.SimpleNamespace, type("Text", (str,), {})
 
@@ -225,6 +245,11 @@ class OwnModule(Module):
 def failing(*items):
     yield from items
     raise OSError("broken half-way")
+
+
+def looking(world, kind):
+    return type("Looking", (kind,), {
+        "__del__": lambda _: world.log.append(hosts.is_held(world.tracker._lock))})
 
 
 # The function behind a name: of the module, of the class, or of a property.
@@ -264,7 +289,7 @@ class LikePython(TwinCase):
             self.assertSame(without, in_builtins, name=name, operation=source(run))
 
     def test_tables(self):
-        self.assertSame(*FACTS, *DEFAULTS, *REPLACED, *MET, *STORED)
+        self.assertSame(*FACTS, *DEFAULTS, *REPLACED, *MET, *LOOKING, *STORED)
 
     def test_random_programs(self):
         for seed in range(200):
