@@ -50,12 +50,6 @@ class OutsideTheLine(HealthCase):
         operation(*positional, **counted)
         self.assertEqual(list(tracker._usage), [("a", None, "ok", True)])
 
-    def test_changed_property(self):
-        tracker, read = self.host.tracker(), self.health.ToolHealthTracker.__dict__["cooldown_s"]
-        tracker.record_error("a", "boom")
-        read.__init__(lambda self: -1)
-        self.assertEqual((tracker.cooldown_s, tracker._lock.locked()), (-1, False))
-
     # A summary lists the tools and rows of the instant at which it took the lock.
     def test_entries_exchanged_during_a_summary(self):
         for change in (
@@ -116,9 +110,6 @@ ENDLESS = [
      lambda tracker: tracker.cooldown_s),
     (lambda health: put(health, get_timing_collector=health.handle_get_tool_performance_stats),
      lambda health: health.get_timing_collector()),
-    (lambda tracker_class, repository: put(tracker_class, _load=staticmethod(
-        functools.partial(tracker_class, repository))),
-     lambda tracker_class, repository: tracker_class(repository)),
     (lambda health: put(health, TOOLS=Namespace(get=functools.partial(health._known, action=None))),
      lambda health: health._known("a", None)),
     (lambda tracker: put(

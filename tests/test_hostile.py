@@ -84,7 +84,9 @@ MISCHIEF = [
     lambda health: put(health._ToolState, call_count=property(lambda _: 7, lambda *_: None)),
     lambda health: put(health._ToolState, __setattr__=lambda record, name, value:
                        object.__setattr__(record, name, 8)),
-    lambda world, tracker: put(tracker, __class__=watched(world)),
+    lambda world, tracker: put(tracker, __class__=reading(world)),
+    lambda world, tracker: put(tracker, __class__=writing(world)),
+    lambda tracker: delattr(tracker, "__dict__"),
     lambda tracker: tracker._lock.release(),
     lambda health: put(health, time=None, is_slow_call=None, TOOLS={}),
     lambda health: [vars(health).pop(name) for name in ("_sqlite_time", "_ToolState", "_Usage")],
@@ -115,17 +117,18 @@ def raise_it(error):
     raise error
 
 
-# A subclass whose attribute access tells what is read and written, and reads twice.
-def watched(world):
+# Subclasses that tell what is read, and read it twice; and that tell what is written.
+def reading(world):
     def read(tracker, name):
         world.log.append(name)
         return [object.__getattribute__(tracker, name) for _ in range(2)][1]
+    return type("Reading", (world.tracker_class,), {"__getattribute__": read})
 
+
+def writing(world):
     def write(tracker, name, value):
         world.log.append((name, hosts.typed(value)))
-        object.__setattr__(tracker, name, value)
-
-    return type("Watched", (world.tracker_class,), {"__getattribute__": read, "__setattr__": write})
+    return type("Writing", (world.tracker_class,), {"__setattr__": write})
 
 
 # A lock with a will of its own.

@@ -1,5 +1,5 @@
-# The module as a whole: what its import needs and says, copies beside each other, and call sites
-# that the interpreter has specialised.
+# The module as a whole: what its import needs and says, and call sites that the interpreter has
+# specialised.
 #
 # For example, with a host whose configuration has another name, the import fails as that of plain
 # Python does: "cannot import name 'ToolsConfig' from 'host.config' (unknown location)", with the
@@ -14,7 +14,6 @@ from unittest import mock
 
 from bench import hosts
 
-from . import HealthCase
 from .worlds import TwinCase, put, source
 
 SERVICES = [("config", "ToolsConfig"), ("tool_registry", "TOOLS"), ("tool_schemas", "is_slow_call"),
@@ -33,14 +32,11 @@ HOT = [
     ("tracker.is_disabled('a')", "tracker._state['a'].disabled_at = 9e9"),
     ("tracker.is_disabled(tool_name='a')", "Tracker.is_disabled = lambda self, tool_name: 5"),
     ("tracker.is_disabled(**{'tool_name': 'a'})", "tracker.is_disabled = lambda tool_name: 5"),
-    ("Tracker.is_disabled(tool_name='a', self=tracker)", "Tracker.is_disabled = max"),
     ("tracker.cooldown_s", "Tracker.cooldown_s = 8"),
-    ("tracker.is_disabled('off')", "Tracker.cooldown_s = property(lambda self: -9)"),
     ("tracker.has_unsaved_changes", "tracker._dirty.clear(); tracker._usage_dirty = 5"),
     ("tracker.flush()", "tracker._flush_usage = lambda: 7"),
     ("tracker.record_call('b', None, 'ok', alias_hit=0, duration_ms=1)", "tracker._usage = {1: 2}"),
     ("health._known(action=None, tool='a')", "health.TOOLS = {}"),
-    ("health._epoch('2023-11-14 22:13:20')", "health._SQLITE_TIMESTAMP = '%Y'"),
     ("type(Tracker(tracker._repo).limits)", "Tracker.__init__ = lambda *_: None"),
 ]
 
@@ -134,21 +130,6 @@ class Imports(unittest.TestCase):
                 lambda record: type("Meta", (type,), {"__call__": lambda cls: 5})(
                     "Record", (), {"__slots__": tuple(record.__annotations__)})):
             self.assertEqual(told(hosts.MODULE, decorate), told(hosts.PLAIN, decorate))
-
-
-class Copies(HealthCase):
-    def test_copies_are_independent(self):
-        other = self.enterContext(hosts.Host("org.team.host"))
-        copies = self.health, other.health, self.host.load()
-        copies[2].__spec__.loader.exec_module(copies[2])  # a second time
-        trackers = [self.host.tracker(cls=copy.ToolHealthTracker) for copy in copies]
-        copies[0].TOOLS = {}
-        copies[1].ToolHealthTracker.is_disabled = lambda self, tool_name: ("patched",)
-        self.assertEqual([copy._known("a", None) for copy in copies], [False, True, True])
-        self.assertEqual([it.is_disabled("a")[0] for it in trackers], [False, "patched", False])
-        for tracker in trackers:
-            tracker.record_success("a")
-        self.assertEqual(len({type(tracker._state["a"]) for tracker in trackers}), 3)
 
 
 class CallSites(TwinCase):
