@@ -14,6 +14,7 @@ from unittest import mock
 
 from bench import hosts
 
+from . import HealthCase
 from .worlds import TwinCase, put, source
 
 SERVICES = [("config", "ToolsConfig"), ("tool_registry", "TOOLS"), ("tool_schemas", "is_slow_call"),
@@ -130,6 +131,16 @@ class Imports(unittest.TestCase):
                 lambda record: type("Meta", (type,), {"__call__": lambda cls: 5})(
                     "Record", (), {"__slots__": tuple(record.__annotations__)})):
             self.assertEqual(told(hosts.MODULE, decorate), told(hosts.PLAIN, decorate))
+
+
+class Copies(HealthCase):
+    def test_copies_are_independent(self):
+        other, tracker = self.host.load(), self.host.tracker()
+        other.TOOLS, other.ToolHealthTracker.is_disabled = {}, None
+        tracker.record_success("a")
+        self.assertEqual(tracker.is_disabled("a"), (False, None))
+        self.assertTrue(self.health._known("a", None))
+        self.assertIsNot(type(tracker._state["a"]), other._ToolState)
 
 
 class CallSites(TwinCase):
