@@ -54,7 +54,8 @@ INNER_PLACES = [
     lambda world, evil: put(world, rows=[("a", evil(1), evil(2), evil("x"), evil(TIME), None)]),
     lambda world, health, evil: (put(world, row=5), put(health, logger=evil(health.logger))),
     lambda health, evil: put(health, json=types.SimpleNamespace(
-        dumps=json.dumps, loads=lambda text: [evil(ENTRY), ENTRY | {"action": evil("text")}])),
+        dumps=json.dumps, loads=lambda text: [
+            evil(ENTRY), ENTRY | {"action": evil("text"), "outcome": evil("ok")}])),
 ]
 # What the object does when it is asked for anything; `number` tells how often that was. The first
 # are not tried in a summary: that describes the instant at which it took the lock.
