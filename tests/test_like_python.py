@@ -205,8 +205,7 @@ ROWS = [
     [("c", True, "", 5, 0, "")],
     [("a", "x", 1, None, None, None)],
     [("a", 1, 1, None, 5, None)],
-    [("a", 1)],
-    [()],
+    [("a", 1)], [("a", *range(7))], [()],
     None, OSError("broken"), KeyboardInterrupt("stop"),
 ]
 DOCUMENTS = [

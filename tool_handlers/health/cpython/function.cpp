@@ -269,7 +269,7 @@ bool Scope::owns(PyObject* value, vectorcallfunc entry) const
     }
     const auto* const function = reinterpret_cast<PyFunctionObject*>(value);
     const Keepsake* const keepsake = function->vectorcall == entry ? keepsake_of(function) : nullptr;
-    return keepsake != nullptr && keepsake->kept == kept_ && function->func_globals == globals_;
+    return keepsake != nullptr && keepsake->kept == kept_;
 }
 
 Ref make_keepsake(void* kept, void (*destroy)(void*))
