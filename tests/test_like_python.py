@@ -106,6 +106,7 @@ REPLACED = [
         health.time, time=lambda: 5.0), tracker.record_success("a")),
     lambda health, tracker: (put(health, time=put(OwnModule("time"), time=time.time)),
                              tracker.record_success("a")),
+    lambda health, tracker: (put(health, time=Module("time")), tracker.record_success("a")),
     lambda health, tracker: (put(health, time=put(Module("time"), time=abs)),
                              tracker.record_success("a")),
     lambda health, db, tracker: (delattr(health, "_TOOL_HEALTH_COLUMNS"), db.answers.clear(),
@@ -154,6 +155,8 @@ MET = [
     lambda health, world: (put(world, timings=failing(world.timings[0])),
                            health.handle_get_tool_performance_stats()),
     lambda tracker: (put(tracker, _usage=Namespace(items=lambda: failing((KEY, None)))),
+                     tracker._flush_usage()),
+    lambda tracker: (put(tracker, _usage=Namespace(items=lambda: [failing(KEY)])),
                      tracker._flush_usage()),
     lambda tracker, counts: (put(tracker, _usage=Namespace(items=lambda: failing((KEY, counts)))),
                              tracker._usage_rows("a")),
@@ -219,8 +222,8 @@ DOCUMENTS = [
         {"calls": None}, {"calls": "1.5"}, {"total_ms": ""}, {"timed_calls": float("inf")})),
     ("[",), (None,), (5,), (b"[",), (), 5, None, OSError("broken"), KeyboardInterrupt("stop"),
 ]
-TOTALS = (0.0, 1, 2.675, 0.375, 0.1875, 12.3456, 1e16, 1.2e17, 1e300, float("inf"), float("nan"),
-          -0.0005, 0.0625, 2**40 / 100, "7")
+TOTALS = (0.0, 1, 2.675, 0.375, 0.1875, 12.3456, 1e16, 1.9560342718892493e17, 1e307, float("inf"),
+          float("nan"), -0.0005, 0.0625, 2**40 / 100, "7")
 TEXTS = (None, "", 0, b"", TIME, "2023-1-5 3:4:5", "2023-11-14 \t\n22:13:20", "0001-01-01 00:00:00",
          "385-01-01 00:00:00", "0385-01-01 00:00:00", "2024-02-29 00:00:00", "2023-02-29 00:00:00",
          "\N{FULLWIDTH DIGIT TWO}023-11-14 22:13:20", "2023-11-14\N{NO-BREAK SPACE}22:13:20",

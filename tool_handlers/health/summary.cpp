@@ -209,9 +209,8 @@ private:
     {
         Py_ssize_t position = 0;
         PyObject* name = nullptr;
-        PyObject* state = nullptr;
-        while (PyDict_Next(states_.get(), &position, &name, &state) != 0) {
-            if (!PyUnicode_CheckExact(name) || state == Py_None) {
+        while (PyDict_Next(states_.get(), &position, &name, nullptr) != 0) {
+            if (!PyUnicode_CheckExact(name)) {
                 return Answer::no;
             }
             if (std::size_t place = 0; !find_place(name, place)) {
