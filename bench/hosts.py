@@ -1,5 +1,4 @@
-"""Throw-away host packages, each with its own copy of the module under test, and the services around
-it.
+"""Throw-away host packages, each with its own copy of the module, and the services around it.
 
 Needs nothing but the standard library and no test framework: child processes and the benchmark
 use it too. For example:

@@ -14,6 +14,7 @@ import json
 import operator
 import threading
 import types
+from unittest import mock
 
 from bench import hosts
 
@@ -108,7 +109,7 @@ WRONG = [
     lambda: {"a": 5, "off": None, KEY: 5, KEY[:3]: 5},
     lambda: {"a", 5},
     lambda health: types.MappingProxyType({"a": health._ToolState(3)}),
-    lambda: Lock(at_enter=OSError("enter")),
+    lambda: make_lock(**{"__enter__.side_effect": OSError("enter")}),
     lambda: type("OnlyEnters", (), {"__enter__": 5, "__repr__": lambda _: "OnlyEnters"})(),
     lambda: threading.Condition(),
 ]
@@ -132,31 +133,16 @@ def writing(world):
     return type("Writing", (world.tracker_class,), {"__setattr__": write})
 
 
-# A lock with a will of its own.
-class Lock:
-    def __init__(self, verdict=None, at_enter=None, at_exit=None):
-        self.verdict, self.at_enter, self.at_exit, self.held = verdict, at_enter, at_exit, 0
-
-    def __enter__(self):
-        if self.at_enter:
-            raise self.at_enter
-        self.held += 1
-
-    def __exit__(self, kind, error, traceback):
-        self.held -= 1
-        if self.at_exit:
-            raise self.at_exit
-        return self.verdict
-
-    def locked(self):
-        return self.held
+# A lock that fails, or swallows what is raised while it is held.
+def make_lock(**will):
+    return mock.MagicMock(**will, __repr__=lambda _: "lock")
 
 
 LOCKS = [  # and the mischiefs that are tried with a lock of that kind
     (threading.Lock, TO_ENTRIES + MISCHIEF),
     (threading.RLock, AGAIN),
-    (lambda: Lock(verdict=True), MISCHIEF[:2]),
-    (lambda: Lock(at_exit=OSError("exit")), MISCHIEF[:2]),
+    (lambda: make_lock(**{"__exit__.return_value": True}), MISCHIEF[:2]),
+    (lambda: make_lock(**{"__exit__.side_effect": OSError("exit")}), MISCHIEF[:2]),
 ]
 
 
