@@ -28,6 +28,7 @@ db = sqlite3.connect(sys.argv[1], isolation_level=None)
 db.execute("BEGIN IMMEDIATE")
 print("locked", flush=True)
 sys.stdin.read()
+db.close()
 """
 
 
