@@ -83,8 +83,7 @@ def end_with_daemon_threads():
 SCENES = {
     "copy": copy,
     "copies": lambda: (copy(), copy("other"), copy()),
-    "subinterpreters first": lambda: (subinterpreter(), subinterpreter(), copy()),
-    "subinterpreters between": lambda: (copy(), subinterpreter(), subinterpreter(), copy()),
+    "subinterpreters": lambda: (subinterpreter(), copy(), subinterpreter(), copy()),
     "subinterpreter while in use": lambda: copy(meanwhile=subinterpreter),
     "isolated subinterpreter": lambda: (subinterpreter("isolated", LOAD, REFUSAL), copy()),
     "end in use": end_in_use,

@@ -31,7 +31,6 @@ from .worlds import ENTRY, OPERATIONS, STATISTICS, TIME, World, source
 TOOLS = [f"tool {number:02}" for number in range(12)]  # more than a new set or dictionary holds
 IMPORT = lambda spec: _imp.exec_dynamic(_imp.create_dynamic(spec))
 CONSTRUCTION = [
-    lambda tracker_class, empty: tracker_class(empty),
     lambda tracker_class, full: tracker_class(full),
     lambda tracker_class, bad_row: tracker_class(bad_row),
     lambda tracker_class, bad_document: tracker_class(bad_document),
@@ -62,7 +61,7 @@ class BuiltinServices(World):
         health.get_timing_collector = functools.partial({"it": collector}.get, "it")
         self.spec = health.__spec__
         rows = [(name, 3, 2, "boom", None, TIME) for name in ("a", "b", "gone")]
-        self.empty, self.full = self.history([], None), self.history(rows, ("good",))
+        self.full = self.history(rows, ("good",))
         self.bad_row = self.history([("a", "x", 1, None, None, None)], None)
         self.bad_document = self.history([], ("bad",))
         self.tracker._repo = self.full
@@ -215,9 +214,8 @@ class PutBack(HealthCase):
                 return str.__hash__(self)
 
         for error, swallowed, raised, marked in (
-                (MemoryError, (), MemoryError, ["a", "c"]),
-                (KeyboardInterrupt, (), KeyboardInterrupt, ["a"]),
-                (KeyboardInterrupt, KeyboardInterrupt, OSError, ["a"])):
+                (MemoryError, (), MemoryError, ["a", "c"]), (SystemExit, (), SystemExit, ["a"]),
+                (SystemExit, SystemExit, OSError, ["a"])):
             db = self.host.database()
             tracker = self.host.tracker(db)
             for name in ("a", Name("b"), "c"):

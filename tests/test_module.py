@@ -33,10 +33,8 @@ HOT = [
     ("tracker.is_disabled('a')", "tracker._state['a'].disabled_at = 9e9"),
     ("tracker.is_disabled(tool_name='a')", "Tracker.is_disabled = lambda self, tool_name: 5"),
     ("tracker.is_disabled(**{'tool_name': 'a'})", "tracker.is_disabled = lambda tool_name: 5"),
-    ("tracker.cooldown_s", "Tracker.cooldown_s = 8"),
     ("tracker.has_unsaved_changes", "tracker._dirty.clear(); tracker._usage_dirty = 5"),
     ("tracker.flush()", "tracker._flush_usage = lambda: 7"),
-    ("tracker.record_call('b', None, 'ok', alias_hit=0, duration_ms=1)", "tracker._usage = {1: 2}"),
     ("health._known(action=None, tool='a')", "health.TOOLS = {}"),
     ("type(Tracker(tracker._repo).limits)", "Tracker.__init__ = lambda *_: None"),
 ]
@@ -125,7 +123,6 @@ class Imports(unittest.TestCase):
                 lambda record: slotted(record, __getattribute__=watched),
                 lambda record: slotted(record, __setattr__=lambda record, name, value: None),
                 lambda record: slotted(record, __new__=lambda cls, **values: None),
-                lambda record: slotted(record, call_count=property(lambda record: 5)),
                 lambda record: type("Own", (slotted(record),), {"__init__": lambda record: None}),
                 lambda record: lambda: slotted(record)(),
                 lambda record: type("Meta", (type,), {"__call__": lambda cls: 5})(
