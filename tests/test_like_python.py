@@ -1,10 +1,10 @@
 # The module can not be told from plain Python: its functions, classes and records, the objects that
 # it meets, the names that it looks up, and the stored forms.
 #
-# Each line of a table is a case for both, see worlds.py. For example, a registry that is a
-# dictionary with a `get` of its own has to be asked by that:
+# Each entry of a table is a case for both, see worlds.py. For example, where `_epoch` is replaced in
+# the module, `_load` has to call what stands there now:
 #
-#     lambda tracker, health: put(health, TOOLS=Registry(health.TOOLS)) and health._known("z", None)
+#     lambda health, tracker: (put(health, _epoch=lambda text: 7.0), tracker._load()),
 
 import builtins
 import collections
