@@ -123,6 +123,7 @@ class Imports(unittest.TestCase):
                 lambda record: slotted(record, __getattribute__=watched),
                 lambda record: slotted(record, __setattr__=lambda record, name, value: None),
                 lambda record: slotted(record, __new__=lambda cls, **values: None),
+                lambda record: slotted(record, call_count=property(lambda record: 5)),
                 lambda record: type("Own", (slotted(record),), {"__init__": lambda record: None}),
                 lambda record: lambda: slotted(record)(),
                 lambda record: type("Meta", (type,), {"__call__": lambda cls: 5})(
