@@ -43,10 +43,7 @@ FACTS = [
     lambda health: (health._Usage(5) == health._Usage(5), health._ToolState() == health._Usage()),
     lambda record: (dataclasses.replace(record, call_count=9), dataclasses.astuple(record)),
     lambda tracker_class: (tracker_class.mro(), str(inspect.signature(tracker_class))),
-    lambda tracker: put(tracker, limits=1),
     lambda tracker: (put(tracker, note=5), list(vars(tracker)), delattr(tracker, "note")),
-    lambda tracker_class, repository: vars(type("Own", (tracker_class, hosts.Clock), {
-        "__slots__": ("more",)})(repository)).keys(),
 ]
 # What is given by name, to each operation and with each number of arguments by position.
 KEYWORDS = [
@@ -100,6 +97,8 @@ REPLACED = [
                     delattr(health, "_SQLITE_TIMESTAMP"), health._sqlite_time(5)),
     lambda world, health, tracker: (tracker._state.clear(), put(
         health, _ToolState=lambda: world.log.append("made")), tracker.get_health_summary()),
+    lambda health, tracker: (put(health, _Usage=type("Own", (health._Usage,), {
+        "__init__": lambda *_: None})), tracker._load_usage()),
     lambda health, tracker: (put(health, is_slow_call=lambda tool, action: type(tool)),
                              tracker._usage_rows(Text("a"))),
 ]
@@ -145,6 +144,7 @@ MET = [
     lambda tracker, counts: (put(tracker, _usage=Namespace(items=lambda: failing((KEY, counts)))),
                              tracker._usage_rows("a")),
     lambda tracker: (put(tracker, _usage=failing(KEY)), tracker.get_health_summary()),
+    lambda tracker, counts: (put(tracker, _usage={KEY[:3]: counts}), tracker._flush_usage()),
     lambda world, health, tracker, counts: (
         put(health, is_slow_call=lambda *call: world.log.append(call)),
         put(tracker, _usage={KEY: counts, ("z", ""): counts}), tracker.get_health_summary()),
