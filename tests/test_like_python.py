@@ -1,8 +1,8 @@
 # The module can not be told from plain Python: its functions, classes and records, the objects that
 # it meets, the names that it looks up, and the stored forms.
 #
-# Each entry of a table is a case for both, see worlds.py. For example, where `_epoch` is replaced in
-# the module, `_load` has to call what stands there now:
+# Each entry of a table is a case for both, see worlds.py. For example, where `_epoch` is replaced
+# in the module, `_load` has to call what stands there now:
 #
 #     lambda health, tracker: (put(health, _epoch=lambda text: 7.0), tracker._load()),
 
