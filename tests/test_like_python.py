@@ -40,8 +40,7 @@ FACTS = [
         [health._known, tracker_class, tracker_class.flush, record])),
     lambda health: [[(it.name, it.type, it.default, it.kw_only) for it in dataclasses.fields(kind)]
                     for kind in (health._ToolState, health._Usage)],
-    lambda health: (health._Usage(5) == health._Usage(5), health._ToolState() == health._Usage()),
-    lambda record: (dataclasses.replace(record, call_count=9), dataclasses.astuple(record)),
+    lambda record: (dataclasses.replace(record), dataclasses.replace(record) == record),
     lambda tracker_class: (tracker_class.mro(), str(inspect.signature(tracker_class))),
     lambda tracker: (put(tracker, note=5), list(vars(tracker)), delattr(tracker, "note")),
 ]
@@ -145,6 +144,7 @@ MET = [
                              tracker._usage_rows("a")),
     lambda tracker: (put(tracker, _usage=failing(KEY)), tracker.get_health_summary()),
     lambda tracker, counts: (put(tracker, _usage={KEY[:3]: counts}), tracker._flush_usage()),
+    lambda tracker: (put(tracker, __dict__=dict([*vars(tracker).items()][::-1])), tracker.flush()),
     lambda world, health, tracker, counts: (
         put(health, is_slow_call=lambda *call: world.log.append(call)),
         put(tracker, _usage={KEY: counts, ("z", ""): counts}), tracker.get_health_summary()),
