@@ -2,7 +2,6 @@
 // both made of the same parts as the module's operations (but the lock is found by ordinary attribute access).
 #include "cpython/function.hpp"
 #include "cpython/lock.hpp"
-#include "cpython/names.hpp"
 
 namespace {
 
@@ -11,7 +10,7 @@ using cpython::Scope;
 
 cpython::Name lock_name{"_lock"};
 
-struct Kept {
+struct State {
     cpython::LockClass lock;
 };
 
@@ -20,9 +19,8 @@ Ref empty(const Scope& /*scope*/, PyObject* const* /*arguments*/) { return cpyth
 Ref lock_only(const Scope& scope, PyObject* const* arguments)
 {
     const Ref lock = cpython::attr(arguments[0], lock_name);
-    const bool done = lock && cpython::with_lock(scope.kept<Kept>().lock, lock.get(), [] { return true; }) ==
-                                  cpython::BlockEnd::reached;
-    return done ? cpython::none() : Ref{};
+    return cpython::none_if(cpython::with_lock(scope.state<State>().lock, lock, [] { return true; }) ==
+                            cpython::BlockEnd::completed);
 }
 
 constexpr std::array parameters{cpython::Parameter{"self"}, cpython::Parameter{"tool_name", "str"}};
@@ -34,13 +32,13 @@ constexpr std::array operations{
 int execute(PyObject* module)
 {
     const Ref globals = Ref::borrow(PyModule_GetDict(module));
-    Kept* kept = nullptr;
-    const Ref keepsake = cpython::Name::intern_all() ? cpython::make_keepsake(kept) : Ref{};
-    if (!keepsake || !kept->lock.find()) {
+    cpython::OperationMaker maker;
+    auto* const state = cpython::Name::intern_all() ? maker.start<State>(globals.get()) : nullptr;
+    if (state == nullptr || !state->lock.find()) {
         return -1;
     }
     for (const cpython::Operation& operation : operations) {
-        const Ref function = cpython::make_function(operation, nullptr, globals.get(), keepsake.get());
+        const Ref function = maker.make(operation, nullptr);
         if (!function || PyDict_SetItemString(globals.get(), operation.name, function.get()) != 0) {
             return -1;
         }

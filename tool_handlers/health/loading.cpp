@@ -3,7 +3,6 @@
 // Whatever the database, or a document in it, does wrong ends in one warning and a tracker without that part of its
 // history. What the host's registry does wrong outside the guarded steps, or a row whose counts are no numbers, leaves
 // the constructor.
-#include "cpython/containers.hpp"
 #include "stored_formats.hpp"
 #include "tracker.hpp"
 
@@ -13,6 +12,7 @@ using cpython::Answer;
 using cpython::append;
 using cpython::attr;
 using cpython::call_method;
+using cpython::item;
 using cpython::Named;
 
 namespace {
@@ -28,164 +28,142 @@ Ref log_and_go_on(const Scope& scope, PyObject* message)
     }
     const cpython::Handling handling;
     const Ref logger = scope.global(names::logger);
-    return logger && call_method(logger.get(), names::warning, message, handling.error()) ? cpython::none()
-                                                                                          : Ref{};
+    return cpython::none_if(
+        static_cast<bool>(call_method(logger, names::warning, message, handling.error())));
 }
 
-/// Whether the registry still has the tool: `TOOLS.get(name) is not None`.
-Answer is_registered(const Scope& scope, PyObject* name)
+/// `TOOLS.get(name) is not None`, whether the registry still has the tool
+Answer is_registered(const Scope& scope, cpython::Arg name)
 {
-    const Ref registry = scope.global(names::tools);
     Ref entry;
-    return registry ? cpython::get_from(registry.get(), name, names::get, entry) : Answer::failed;
+    return name != nullptr ? cpython::get_from(scope.global(names::tools), name, names::get, entry)
+                           : Answer::failed;
 }
 
 /// `list(self._repo.db.fetchall(...))`
 Ref read_rows(const Scope& scope, PyObject* self)
 {
     const Ref fetch = database_method(self, names::fetchall);
-    Ref columns = fetch ? scope.global(names::tool_health_columns) : Ref{};
-    columns = columns ? cpython::formatted(columns.get()) : Ref{};
+    const Ref columns = cpython::formatted(fetch ? scope.global(names::tool_health_columns) : Ref{});
     const Ref statement =
         columns ? Ref::steal(PyUnicode_FromFormat("SELECT %U FROM tool_health", columns.get())) : Ref{};
-    const Ref rows = statement ? cpython::call(fetch.get(), statement.get()) : Ref{};
-    return rows ? Ref::steal(PySequence_List(rows.get())) : Ref{};
+    return cpython::list_of(cpython::call(fetch, statement));
 }
 
 /// Deletes the rows of tools that the registry no longer has, in one batch.
 bool delete_removed(const Scope& scope, PyObject* self, const Ref& rows)
 {
     const Ref removed = Ref::steal(PyList_New(0));
-    if (!removed) {
-        return false;
-    }
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i) {
-        const Ref row = Ref::borrow(PyList_GET_ITEM(rows.get(), i));
-        const Ref name = cpython::item(row.get(), Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
-        const Answer registered = name ? is_registered(scope, name.get()) : Answer::failed;
-        if (registered == Answer::failed ||
-            (registered == Answer::no && !append(removed, Ref::steal(PyTuple_Pack(1, name.get()))))) {
-            return false;
-        }
-    }
-    if (PyList_GET_SIZE(removed.get()) == 0) {
-        return true;
+    const bool done = removed && cpython::for_each(rows, [&](PyObject* row) {
+                          const Ref name = cpython::first_item(row);
+                          const Answer registered = is_registered(scope, name);
+                          return registered == Answer::no ? append(removed, cpython::tuple_of(name))
+                                                          : registered == Answer::yes;
+                      });
+    if (!done || PyList_GET_SIZE(removed.get()) == 0) {
+        return done;
     }
     const Ref execute = database_method(self, names::executemany);
-    return execute &&
-           cpython::call(execute.get(), static_cast<PyObject*>(names::delete_health), removed.get());
+    return static_cast<bool>(cpython::call(execute, names::delete_health, removed));
+}
+
+/// `int(value or 0)`
+Ref whole_or_zero(PyObject* value)
+{
+    const Answer present = cpython::truth(value);
+    if (present == Answer::no) {
+        return cpython::zero();
+    }
+    return present == Answer::yes ? cpython::whole(value) : Ref{};
+}
+
+/// `_epoch(text)`, looked up in the module
+Ref call_epoch(const Scope& scope, const Ref& text)
+{
+    return cpython::call_operation<epoch>(scope, scope.global(names::epoch), text);
+}
+
+/// `_epoch(text) or 0.0`
+Ref epoch_or_zero(const Scope& scope, const Ref& text)
+{
+    Ref seconds = call_epoch(scope, text);
+    const Answer present = cpython::truth(seconds);
+    if (present == Answer::no) {
+        return Ref::steal(PyFloat_FromDouble(0.0));
+    }
+    return present == Answer::yes ? std::move(seconds) : Ref{};
 }
 
 /// `_ToolState(call_count=..., error_count=..., last_error=..., disabled_at=..., updated_at=...)` from a row.
 Ref make_state(const Scope& scope, const HealthRow& columns)
 {
-    const ToolStateClass& records = originals(scope).tool_state;
     const Ref type = scope.global(names::tool_state);
-    Ref calls = type ? whole_or_zero(columns[1].get()) : Ref{};
-    Ref errors = calls ? whole_or_zero(columns[2].get()) : Ref{};
-    Ref disabled_at = errors ? call_epoch(scope, columns[4].get()) : Ref{};
-    Ref updated_at = disabled_at ? call_epoch(scope, columns[5].get()) : Ref{};
-    switch (updated_at ? cpython::truth(updated_at.get()) : Answer::failed) {
-    case Answer::failed:
-        return {};
-    case Answer::no:
-        updated_at = records.default_of(tool_state::updated_at).copy();
-        break;
-    case Answer::yes:
-        break;
-    }
-    std::array<Ref, 6> values{std::move(calls),       std::move(errors),     columns[3].copy(),
-                              std::move(disabled_at), std::move(updated_at), {}};
-    if (records.is_original(type.get())) {
-        values[5] = records.default_of(tool_state::consecutive_errors).copy();
-        return records.make_original(type.get(), values);
-    }
-    return cpython::call_named(type.get(), std::array{Named{names::call_count, values[0].get()},
-                                                      Named{names::error_count, values[1].get()},
-                                                      Named{names::last_error, values[2].get()},
-                                                      Named{names::disabled_at, values[3].get()},
-                                                      Named{names::updated_at, values[4].get()}});
+    const Ref calls = type ? whole_or_zero(columns[1].get()) : Ref{};
+    const Ref errors = calls ? whole_or_zero(columns[2].get()) : Ref{};
+    const Ref disabled_at = errors ? call_epoch(scope, columns[4]) : Ref{};
+    const Ref updated_at = disabled_at ? epoch_or_zero(scope, columns[5]) : Ref{};
+    return updated_at ? cpython::call_named(type, std::array{Named{names::call_count, calls},
+                                                             Named{names::error_count, errors},
+                                                             Named{names::last_error, columns[3]},
+                                                             Named{names::disabled_at, disabled_at},
+                                                             Named{names::updated_at, updated_at}})
+                      : Ref{};
 }
 
 /// Puts the rows of registered tools into the state, under the lock.
 bool seed_state(const Scope& scope, PyObject* self, const Ref& rows)
 {
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i) {
-        const Ref row = Ref::borrow(PyList_GET_ITEM(rows.get(), i));
+    return cpython::for_each(rows, [&](PyObject* row) {
         HealthRow columns;
         const Answer registered =
-            cpython::unpack(row.get(), columns) ? is_registered(scope, columns[0].get()) : Answer::failed;
-        if (registered == Answer::failed) {
-            return false;
-        }
-        if (registered == Answer::no) {
-            continue;
+            cpython::unpack(row, columns) ? is_registered(scope, columns[0]) : Answer::failed;
+        if (registered != Answer::yes) {
+            return registered == Answer::no;
         }
         const Ref state = make_state(scope, columns);
-        const Ref states = state ? attr(self, names::state) : Ref{};
-        if (!states || PyObject_SetItem(states.get(), columns[0].get(), state.get()) != 0) {
-            return false;
-        }
-    }
-    return true;
+        return state && cpython::set_item(attr(self, names::state), columns[0], state);
+    });
 }
 
 /// The entries of the stored usage document, any iterable; an empty list when there is none.
 Ref read_document(const Scope& scope, PyObject* self)
 {
     const Ref fetch = database_method(self, names::fetchone);
-    const Ref key = fetch ? scope.global(names::tool_usage_key) : Ref{};
-    const Ref parameters = key ? Ref::steal(PyTuple_Pack(1, key.get())) : Ref{};
-    const Ref row =
-        parameters ? cpython::call(fetch.get(), static_cast<PyObject*>(names::select_usage), parameters.get())
-                   : Ref{};
-    if (!row || row.get() == Py_None) {
-        return row ? Ref::steal(PyList_New(0)) : Ref{};
+    const Ref parameters = cpython::tuple_of(fetch ? scope.global(names::tool_usage_key) : Ref{});
+    const Ref row = cpython::call(fetch, names::select_usage, parameters);
+    if (row && row.get() == Py_None) {
+        return Ref::steal(PyList_New(0));
     }
-    const Ref value = cpython::item(row.get(), Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
+    const Ref value = cpython::first_item(row);
     const int is_text =
         value ? PyObject_IsInstance(value.get(), reinterpret_cast<PyObject*>(&PyUnicode_Type)) : -1;
     if (is_text <= 0) {
         return is_text == 0 ? Ref::steal(PyList_New(0)) : Ref{};
     }
-    const Ref json = scope.global(names::json);
-    return json ? call_method(json.get(), names::loads, value.get()) : Ref{};
+    return call_method(scope.global(names::json), names::loads, value);
 }
 
 /// The usage key of an entry: `(str(tool), action, str(outcome), bool(alias_hit))`.
 Ref entry_key(PyObject* entry)
 {
-    Ref tool = cpython::item(entry, names::tool);
-    tool = tool ? cpython::text_of(tool.get()) : Ref{};
-    Ref action = tool ? cpython::item(entry, names::action) : Ref{};
-    Ref outcome = action ? cpython::item(entry, names::outcome) : Ref{};
-    outcome = outcome ? cpython::text_of(outcome.get()) : Ref{};
-    const Ref alias_hit = outcome ? cpython::item(entry, names::alias_hit) : Ref{};
-    const Answer by_alias = alias_hit ? cpython::truth(alias_hit.get()) : Answer::failed;
-    return by_alias == Answer::failed
-               ? Ref{}
-               : cpython::tuple_of(std::move(tool), std::move(action), std::move(outcome),
-                                   cpython::boolean(by_alias == Answer::yes));
+    const Ref tool = cpython::text_of(item(entry, names::tool));
+    const Ref action = tool ? item(entry, names::action) : Ref{};
+    const Ref outcome = action ? cpython::text_of(item(entry, names::outcome)) : Ref{};
+    const Answer alias_hit = cpython::truth(outcome ? item(entry, names::alias_hit) : Ref{});
+    return alias_hit != Answer::failed
+               ? cpython::tuple_of(tool, action, outcome, alias_hit == Answer::yes ? Py_True : Py_False)
+               : Ref{};
 }
 
 /// `_Usage(int(calls), int(timed_calls), float(total_ms))` of an entry.
 Ref entry_usage(const Scope& scope, PyObject* entry)
 {
     const Ref type = scope.global(names::usage_record);
-    Ref calls = type ? cpython::item(entry, names::calls) : Ref{};
-    calls = calls ? Ref::steal(PyNumber_Long(calls.get())) : Ref{};
-    Ref timed_calls = calls ? cpython::item(entry, names::timed_calls) : Ref{};
-    timed_calls = timed_calls ? Ref::steal(PyNumber_Long(timed_calls.get())) : Ref{};
-    Ref total_ms = timed_calls ? cpython::item(entry, names::total_ms) : Ref{};
-    total_ms = total_ms ? Ref::steal(PyNumber_Float(total_ms.get())) : Ref{};
-    if (!total_ms) {
-        return {};
-    }
-    const UsageClass& records = originals(scope).usage;
-    return records.is_original(type.get())
-               ? records.make_original(type.get(),
-                                       {std::move(calls), std::move(timed_calls), std::move(total_ms)})
-               : cpython::call(type.get(), calls.get(), timed_calls.get(), total_ms.get());
+    const Ref calls = type ? cpython::whole(item(entry, names::calls)) : Ref{};
+    const Ref timed_calls = calls ? cpython::whole(item(entry, names::timed_calls)) : Ref{};
+    const Ref total_ms = timed_calls ? item(entry, names::total_ms) : Ref{};
+    return cpython::call(type, calls, timed_calls,
+                         total_ms ? Ref::steal(PyNumber_Float(total_ms.get())) : Ref{});
 }
 
 /// Everything that the stored document counts, by usage key.
@@ -193,18 +171,11 @@ Ref read_usage(const Scope& scope, PyObject* self)
 {
     const Ref saved = read_document(scope, self);
     Ref loaded = saved ? Ref::steal(PyDict_New()) : Ref{};
-    const Ref entries = loaded ? Ref::steal(PyObject_GetIter(saved.get())) : Ref{};
-    if (!entries) {
-        return {};
-    }
-    while (const Ref entry = Ref::steal(PyIter_Next(entries.get()))) {
-        const Ref key = entry_key(entry.get());
-        const Ref usage = key ? entry_usage(scope, entry.get()) : Ref{};
-        if (!usage || PyDict_SetItem(loaded.get(), key.get(), usage.get()) != 0) {
-            return {};
-        }
-    }
-    return PyErr_Occurred() == nullptr ? std::move(loaded) : Ref{};
+    const bool done = loaded && cpython::for_each(saved, [&](PyObject* entry) {
+                          const Ref key = entry_key(entry);
+                          return key && cpython::set_entry(loaded, key, entry_usage(scope, entry));
+                      });
+    return done ? std::move(loaded) : Ref{};
 }
 
 /// `_known(key[0], key[1])`, looked up in the module. The key may be anything by now: the collector shows the map.
@@ -213,14 +184,7 @@ Answer is_known(const Scope& scope, PyObject* key)
     const Ref function = scope.global(names::known);
     const Ref tool = function ? Ref::steal(PySequence_GetItem(key, 0)) : Ref{};
     const Ref action = tool ? Ref::steal(PySequence_GetItem(key, 1)) : Ref{};
-    if (!action) {
-        return Answer::failed;
-    }
-    const std::array arguments{tool.get(), action.get()};
-    const Ref result = scope.owns(function.get(), cpython::enter<known, 2, 0>)
-                           ? known(scope, arguments.data())
-                           : cpython::call(function.get(), tool.get(), action.get());
-    return result ? cpython::truth(result.get()) : Answer::failed;
+    return cpython::truth(cpython::call_operation<known>(scope, function, tool, action));
 }
 
 /// The loaded counts whose tool and action the registry still has.
@@ -235,7 +199,7 @@ Ref known_usage(const Scope& scope, const Ref& loaded)
         const Ref held_usage = Ref::borrow(usage);
         const Answer known = is_known(scope, key);
         if (known == Answer::failed ||
-            (known == Answer::yes && PyDict_SetItem(kept.get(), held_key.get(), held_usage.get()) != 0)) {
+            (known == Answer::yes && !cpython::set_entry(kept, held_key, held_usage))) {
             return {};
         }
     }
@@ -245,22 +209,9 @@ Ref known_usage(const Scope& scope, const Ref& loaded)
 /// `self._usage.update(kept); self._usage_dirty = len(kept) != len(loaded)`, under the lock
 bool seed_usage(PyObject* self, const Ref& kept, const Ref& loaded)
 {
-    const Ref usage = attr(self, names::usage);
-    if (!usage || !call_method(usage.get(), names::update, kept.get())) {
-        return false;
-    }
     const bool dropped = PyDict_GET_SIZE(kept.get()) != PyDict_GET_SIZE(loaded.get());
-    return cpython::set_attr(self, names::usage_dirty, dropped ? Py_True : Py_False);
-}
-
-/// `with self._lock: body()`, by attribute access alone: a tracker that dies half-made for want of memory must not have
-/// had its fields turned into a dictionary, as the interpreter cannot take that apart then.
-template <class Body>
-Ref under_lock(const Scope& scope, PyObject* self, Body&& body)
-{
-    const Ref lock = attr(self, names::lock);
-    return lock ? result_of(cpython::with_lock(originals(scope).lock, lock.get(), body), cpython::none())
-                : Ref{};
+    return call_method(attr(self, names::usage), names::update, kept) &&
+           cpython::set_attr(self, names::usage_dirty, dropped ? Py_True : Py_False);
 }
 
 }  // namespace
@@ -272,7 +223,8 @@ Ref load(const Scope& scope, PyObject* const* arguments)
     if (!rows || !delete_removed(scope, self, rows)) {
         return log_and_go_on(scope, names::health_unreadable);
     }
-    return under_lock(scope, self, [&] { return seed_state(scope, self, rows); });
+    return locked(scope, attr(self, names::lock),
+                  [&] { return cpython::none_if(seed_state(scope, self, rows)); });
 }
 
 Ref load_usage(const Scope& scope, PyObject* const* arguments)
@@ -283,7 +235,9 @@ Ref load_usage(const Scope& scope, PyObject* const* arguments)
         return log_and_go_on(scope, names::usage_unreadable);
     }
     const Ref kept = known_usage(scope, loaded);
-    return kept ? under_lock(scope, self, [&] { return seed_usage(self, kept, loaded); }) : Ref{};
+    return kept ? locked(scope, attr(self, names::lock),
+                         [&] { return cpython::none_if(seed_usage(self, kept, loaded)); })
+                : Ref{};
 }
 
 }  // namespace health

@@ -1,11 +1,10 @@
 // The module's creation and set-up.
 //
 // The set-up runs once for every module object, in the order of `set_up`, and leaves everything it makes in the
-// module's namespace; the only C++ statics are interned strings, constant tables, pointers into the interpreter and the
-// nesting counter of function.hpp. So the module can be imported again under another package name, or in another
-// (legacy) subinterpreter, and each copy stands on its own.
+// module's namespace; the only C++ statics are interned strings, constant tables and pointers into the interpreter. So
+// the module can be imported again under another package name, or in another (legacy) subinterpreter, and each copy
+// stands on its own.
 #include "operations.hpp"
-#include "originals.hpp"
 #include "stored_formats.hpp"
 #include "tracker.hpp"
 
@@ -16,26 +15,20 @@ namespace {
 using cpython::call;
 using cpython::item;
 using cpython::Named;
-
-bool bind(PyObject* globals, PyObject* name, const Ref& value)
-{
-    return value && PyDict_SetItem(globals, name, value.get()) == 0;
-}
+using cpython::OperationMaker;
+using cpython::set_entry;
 
 /// `__import__(module, globals, globals, names, 0)`, the builtin as it stands, as an import statement calls it.
-Ref import(PyObject* globals, PyObject* module, PyObject* imported_names)
+Ref import(PyObject* globals, PyObject* module, cpython::Arg imported_names)
 {
-    PyObject* const builtins = PyEval_GetBuiltins();
-    const Ref import_function = builtins != nullptr ? item(builtins, names::dunder_import) : Ref{};
-    return import_function ? call(import_function.get(), module, globals, globals, imported_names,
-                                  Py_GetConstantBorrowed(Py_CONSTANT_ZERO))
-                           : Ref{};
+    return call(item(PyEval_GetBuiltins(), names::dunder_import), module, globals, globals, imported_names,
+                Py_GetConstantBorrowed(Py_CONSTANT_ZERO));
 }
 
 /// `import name`
 bool import_module(PyObject* globals, PyObject* name)
 {
-    return bind(globals, name, import(globals, name, Py_None));
+    return set_entry(globals, name, import(globals, name, Py_None));
 }
 
 /// The ImportError of `from module import name`.
@@ -54,8 +47,7 @@ void raise_cannot_import(PyObject* module, PyObject* name)
                                 "cannot import name %R from %R (unknown location)", name, shown_name));
     const std::array named{Named{names::name, shown_name}, Named{names::path, path ? path.get() : Py_None},
                            Named{names::name_from, name}};
-    const Ref error = text ? cpython::call_named(PyExc_ImportError, named, text.get()) : Ref{};
-    if (error) {
+    if (const Ref error = cpython::call_named(PyExc_ImportError, named, text)) {
         PyErr_SetObject(PyExc_ImportError, error.get());
     }
 }
@@ -85,9 +77,8 @@ Ref imported_attr(PyObject* module, PyObject* name)
 template <class... Names>
 bool import_names(PyObject* globals, PyObject* module_name, const Names&... wanted)
 {
-    const Ref list = Ref::steal(PyTuple_Pack(sizeof...(wanted), static_cast<PyObject*>(wanted)...));
-    const Ref module = list ? import(globals, module_name, list.get()) : Ref{};
-    return module && (bind(globals, wanted, imported_attr(module.get(), wanted)) && ...);
+    const Ref module = import(globals, module_name, cpython::tuple_of(wanted...));
+    return module && (set_entry(globals, wanted, imported_attr(module.get(), wanted)) && ...);
 }
 
 /// The package that holds `tool_handlers`: the module's own full name without its last two parts.
@@ -145,9 +136,8 @@ bool import_host_services(PyObject* globals)
 /// `logging.getLogger(__name__)`
 Ref make_logger(PyObject* globals)
 {
-    const Ref logging = item(globals, names::logging);
-    const Ref name = logging ? item(globals, names::dunder_name) : Ref{};
-    return name ? cpython::call_method(logging.get(), names::get_logger, name.get()) : Ref{};
+    const Ref get_logger = cpython::attr(item(globals, names::logging), names::get_logger);
+    return call(get_logger, get_logger ? item(globals, names::dunder_name) : Ref{});
 }
 
 /// `tuple[str, str | None, str, bool]`
@@ -155,56 +145,57 @@ Ref make_usage_key()
 {
     auto* const text = reinterpret_cast<PyObject*>(&PyUnicode_Type);
     const Ref optional = Ref::steal(PyNumber_Or(text, Py_None));
-    const Ref parts = optional ? Ref::steal(PyTuple_Pack(4, text, optional.get(), text,
-                                                         reinterpret_cast<PyObject*>(&PyBool_Type)))
-                               : Ref{};
-    return parts ? item(reinterpret_cast<PyObject*>(&PyTuple_Type), parts.get()) : Ref{};
+    return item(reinterpret_cast<PyObject*>(&PyTuple_Type),
+                cpython::tuple_of(text, optional, text, reinterpret_cast<PyObject*>(&PyBool_Type)));
 }
 
 bool bind_constants(PyObject* globals)
 {
-    return bind(globals, names::logger, make_logger(globals)) &&
-           bind(globals, names::sqlite_timestamp, Ref::borrow(names::timestamp_pattern)) &&
-           bind(globals, names::tool_health_columns, Ref::borrow(names::health_columns)) &&
-           bind(globals, names::tool_usage_key, Ref::borrow(names::tool_usage)) &&
-           bind(globals, names::usage_key, make_usage_key());
+    return set_entry(globals, names::logger, make_logger(globals)) &&
+           set_entry(globals, names::sqlite_timestamp, names::timestamp_pattern) &&
+           set_entry(globals, names::tool_health_columns, names::health_columns) &&
+           set_entry(globals, names::tool_usage_key, names::tool_usage) &&
+           set_entry(globals, names::usage_key, make_usage_key());
 }
 
-bool define_function(PyObject* globals, PyObject* keepsake, const cpython::Operation& operation)
+/// What is made anew by every import, but for the classes.
+bool fill(ImportState& state)
 {
-    const Ref function = cpython::make_function(operation, nullptr, globals, keepsake);
+    state.enabled = cpython::tuple_of(Py_False, Py_None);
+    state.worst_first = state.enabled ? Ref::steal(PyCFunction_New(&rank_of_pair, nullptr)) : Ref{};
+    state.most_first = state.worst_first ? Ref::steal(PyCFunction_New(&rank_of_row, nullptr)) : Ref{};
+    return state.most_first && state.lock.find();
+}
+
+bool define_function(PyObject* globals, const OperationMaker& maker, const cpython::Operation& operation)
+{
+    const Ref function = maker.make(operation, nullptr);
     return function && PyDict_SetItemString(globals, operation.name, function.get()) == 0;
 }
 
 /// `class ToolHealthTracker: ...`
-bool define_tracker(PyObject* globals, PyObject* keepsake, Originals& originals)
+bool define_tracker(PyObject* globals, const OperationMaker& maker, ImportState& state)
 {
-    const Ref space = Ref::steal(PyDict_New());
-    if (!space || !bind(space.get(), names::dunder_module, item(globals, names::dunder_name)) ||
-        !bind(space.get(), names::dunder_qualname, Ref::borrow(names::tracker)) ||
-        !bind(space.get(), names::dunder_doc, Ref::steal(PyUnicode_FromString(tracker_doc)))) {
-        return false;
-    }
+    const Ref body = class_body(globals, names::tracker, tracker_doc);
     for (const Member& member : tracker_members) {
-        Ref value = cpython::make_function(member.operation, names::tracker.text(), globals, keepsake);
-        if (value && member.is_property) {
-            value = call(reinterpret_cast<PyObject*>(&PyProperty_Type), value.get());
+        Ref value = body ? maker.make(member.operation, names::tracker.text()) : Ref{};
+        if (member.is_property) {
+            value = call(reinterpret_cast<PyObject*>(&PyProperty_Type), value);
         }
-        if (!value || PyDict_SetItemString(space.get(), member.operation.name, value.get()) != 0) {
+        if (!value || PyDict_SetItemString(body.get(), member.operation.name, value.get()) != 0) {
             return false;
         }
     }
-    const Ref type = call(reinterpret_cast<PyObject*>(&PyType_Type), static_cast<PyObject*>(names::tracker),
-                          Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE), space.get());
+    const Ref type = make_class(names::tracker, body);
     if (type) {
-        originals.tracker.remember(reinterpret_cast<PyTypeObject*>(type.get()));
+        state.tracker.remember(reinterpret_cast<PyTypeObject*>(type.get()));
     }
-    return bind(globals, names::tracker, type);
+    return set_entry(globals, names::tracker, type);
 }
 
 /// Defines the records. The `dataclass` decorator asks `sys.modules` for the module of a class, so a module that is
 /// executed without an entry there gets one for as long as this takes.
-bool define_records_of(PyObject* module, PyObject* globals, Originals& originals)
+bool define_records_of(PyObject* module, PyObject* globals, ImportState& state)
 {
     PyObject* const modules = PyImport_GetModuleDict();
     const Ref name = item(globals, names::dunder_name);
@@ -212,7 +203,7 @@ bool define_records_of(PyObject* module, PyObject* globals, Originals& originals
     if (is_entered < 0 || (is_entered == 0 && PyDict_SetItem(modules, name.get(), module) != 0)) {
         return false;
     }
-    const bool defined = define_records(globals, originals.tool_state, originals.usage);
+    const bool defined = define_records(globals, state.tool_state, state.usage);
     if (is_entered == 0) {
         Ref error = Ref::steal(PyErr_GetRaisedException());
         if (PyDict_Pop(modules, name.get(), nullptr) < 0) {
@@ -229,16 +220,13 @@ bool set_up(PyObject* module, PyObject* globals)
         !find_datetime()) {
         return false;
     }
-    Originals* originals = nullptr;
-    const Ref keepsake = cpython::make_keepsake(originals);
-    return keepsake && keep_constants(*originals) && keep_tool_order(*originals) &&
-           keep_row_order(*originals) && define_function(globals, keepsake.get(), sqlite_time_operation) &&
-           define_function(globals, keepsake.get(), epoch_operation) &&
-           define_records_of(module, globals, *originals) &&
-           define_function(globals, keepsake.get(), known_operation) &&
-           define_tracker(globals, keepsake.get(), *originals) &&
-           define_function(globals, keepsake.get(), performance_stats_operation) &&
-           define_function(globals, keepsake.get(), census_report_operation);
+    OperationMaker maker;
+    auto* const state = maker.start<ImportState>(globals);
+    return state != nullptr && fill(*state) && define_function(globals, maker, sqlite_time_operation) &&
+           define_function(globals, maker, epoch_operation) && define_records_of(module, globals, *state) &&
+           define_function(globals, maker, known_operation) && define_tracker(globals, maker, *state) &&
+           define_function(globals, maker, performance_stats_operation) &&
+           define_function(globals, maker, census_report_operation);
 }
 
 int execute(PyObject* module)

@@ -111,15 +111,14 @@ inline Name strptime{"strptime"};
 inline Name replace{"replace"};
 inline Name tzinfo{"tzinfo"};
 inline Name timestamp{"timestamp"};
+inline Name fromisoformat{"fromisoformat"};
+inline Name toordinal{"toordinal"};
 inline Name get{"get"};
 inline Name add{"add"};
 inline Name clear{"clear"};
 inline Name update{"update"};
 inline Name items{"items"};
 inline Name fromkeys{"fromkeys"};
-inline Name sort{"sort"};
-inline Name key{"key"};
-inline Name round{"round"};
 inline Name slots{"slots"};
 inline Name path{"path"};
 inline Name name_from{"name_from"};
@@ -143,5 +142,10 @@ inline Name select_usage{"SELECT value FROM schema_info WHERE key = ?"};
 inline Name replace_usage{"INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)"};
 inline Name health_unreadable{"Could not read the tool health history: %s"};
 inline Name usage_unreadable{"Could not read the tool usage counts: %s"};
+inline Name warning_start{"The process holds "};
+inline Name warning_middle{" threads, more than the "};
+inline Name warning_end{" its pools allow: threads are piling up. A thread that ran the local embedding "
+                        "model keeps a team of torch"
+                        " threads, as many as KAVRIN_EMBED_THREADS allows (0 leaves torch's own size)."};
 
 }  // namespace health::names

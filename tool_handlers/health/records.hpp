@@ -11,6 +11,7 @@
 #include "names.hpp"
 
 #include <array>
+#include <span>
 
 namespace health {
 
@@ -38,51 +39,40 @@ inline constexpr Field timed_calls{1, names::timed_calls};
 inline constexpr Field total_ms{2, names::total_ms};
 }  // namespace usage_record
 
-template <std::size_t Fields>
 class RecordClass {
 public:
+    /// `field: annotation = value`
     struct FieldDefinition {
         const Field& field;
-        const char* annotation = nullptr;
-        Ref value;  // the default
+        const char* annotation;
+        PyObject* value;
     };
-    using Definition = std::array<FieldDefinition, Fields>;
 
-    /// `@dataclass(slots=True) class <name>: ...` with the module's own `dataclass`; learns what comes out.
-    Ref define(PyObject* globals, PyObject* name, const char* doc, const Definition& definition);
+    /// `@dataclass(slots=True) class <name>: ...` with the module's own `dataclass`; learns what comes out, and puts it
+    /// into the module.
+    [[nodiscard]] bool define(PyObject* globals, PyObject* name, const char* doc,
+                              std::span<const FieldDefinition> fields);
 
     /// `record.field`
     [[nodiscard]] Ref get(PyObject* record, const Field& field) const
     {
         if (known_.is_class_of(record)) {
-            if (PyObject* value = slot(record, field.index); value != nullptr) {
+            if (PyObject* const value = slot(record, field); value != nullptr) {
                 return Ref::borrow(value);
             }
         }
         return cpython::attr(record, field.name);
     }
 
-    /// `record.field is None`
-    [[nodiscard]] cpython::Answer is_none(PyObject* record, const Field& field) const
-    {
-        Ref held;
-        PyObject* value = known_.is_class_of(record) ? slot(record, field.index) : nullptr;
-        if (value == nullptr) {
-            held = cpython::attr(record, field.name);
-            value = held.get();
-        }
-        return value != nullptr ? cpython::answer(value == Py_None ? 1 : 0) : cpython::Answer::failed;
-    }
-
     /// `record.field = value`; false for no value, whose error is set.
     [[nodiscard]] bool set(PyObject* record, const Field& field, Ref value) const
     {
         if (known_.is_class_of(record)) {
-            return cpython::replace(slot(record, field.index), std::move(value));
+            return cpython::replace(slot(record, field), std::move(value));
         }
         // Dies here, as after the statement, and not in the caller's next line.
         const Ref stored = std::move(value);
-        return stored && cpython::set_attr(record, field.name, stored.get());
+        return cpython::set_attr(record, field.name, stored);
     }
 
     /// `record.field += value`
@@ -95,75 +85,27 @@ public:
     /// `record.field += 1`
     [[nodiscard]] bool add_one(PyObject* record, const Field& field) const
     {
-        if (known_.is_class_of(record)) {
-            PyObject*& place = slot(record, field.index);
-            if (place != nullptr && cpython::is_small_int(place)) {
-                return cpython::replace(place, cpython::successor_of_small(place));
-            }
-        }
         const Ref old = get(record, field);
-        return old &&
-               set(record, field,
-                   Ref::steal(PyNumber_InPlaceAdd(old.get(), Py_GetConstantBorrowed(Py_CONSTANT_ONE))));
+        return old && set(record, field, cpython::successor(old.get()));
     }
-
-    /// Whether the record's fields can be read in place, all of them being there.
-    [[nodiscard]] bool is_plain(PyObject* record) const
-    {
-        if (!known_.is_class_of(record)) {
-            return false;
-        }
-        for (std::size_t i = 0; i < Fields; ++i) {
-            if (slot(record, i) == nullptr) {
-                return false;
-            }
-        }
-        return true;
-    }
-
-    /// Whether `type` is the class that the import made, and makes instances as it did then.
-    [[nodiscard]] bool is_original(PyObject* type) const { return known_.is(type); }
-
-    /// `type()`, for whatever the name of the class stands for by now.
-    [[nodiscard]] Ref make(PyObject* type) const
-    {
-        return is_original(type) ? make_original(type, defaults_) : cpython::call(type);
-    }
-
-    /// `type(*values)`, for the original class only.
-    [[nodiscard]] Ref make_original(PyObject* type, const std::array<Ref, Fields>& values) const
-    {
-        auto* const as_type = reinterpret_cast<PyTypeObject*>(type);
-        Ref record = Ref::steal(as_type->tp_alloc(as_type, 0));
-        for (std::size_t i = 0; record && i < Fields; ++i) {
-            slot(record.get(), i) = values[i].copy().release();
-        }
-        return record;
-    }
-
-    [[nodiscard]] const Ref& default_of(const Field& field) const { return defaults_[field.index]; }
 
 private:
-    [[nodiscard]] PyObject*& slot(PyObject* record, std::size_t index) const
+    [[nodiscard]] PyObject*& slot(PyObject* record, const Field& field) const
     {
-        return *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(record) + offsets_[index]);
+        return *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(record) + offsets_[field.index]);
     }
 
-    [[nodiscard]] bool learn(PyObject* type, const Definition& definition);
+    void learn(PyObject* type, std::span<const FieldDefinition> fields);
 
     cpython::KnownType known_;
-    std::array<Py_ssize_t, Fields> offsets_{};
-    std::array<Ref, Fields> defaults_;
+    std::array<Py_ssize_t, 6> offsets_{};
 };
 
-extern template class RecordClass<6>;
-extern template class RecordClass<3>;
-
-using ToolStateClass = RecordClass<6>;
-using UsageClass = RecordClass<3>;
-
 /// Defines `_ToolState` and `_Usage` in the module.
-[[nodiscard]] bool define_records(PyObject* globals, ToolStateClass& tool_state_class,
-                                  UsageClass& usage_class);
+[[nodiscard]] bool define_records(PyObject* globals, RecordClass& tool_state_class, RecordClass& usage_class);
+
+/// The body of `class <name>` with this documentation, to which members may be added; and `class <name>: <body>`.
+Ref class_body(PyObject* globals, PyObject* name, const char* doc);
+Ref make_class(PyObject* name, const Ref& body);
 
 }  // namespace health

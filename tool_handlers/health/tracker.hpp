@@ -5,25 +5,40 @@
 // then its arguments in the order of the signature.
 #pragma once
 
-#include "originals.hpp"
+#include "cpython/containers.hpp"
+#include "import_state.hpp"
 
 namespace health {
+
+/// The fields of a tracker, in the order in which the constructor sets them.
+namespace tracker_field {
+inline constexpr Field repo{0, names::repo};
+inline constexpr Field limits{1, names::limits};
+inline constexpr Field lock{2, names::lock};
+inline constexpr Field state{3, names::state};
+inline constexpr Field dirty{4, names::dirty};
+inline constexpr Field usage{5, names::usage};
+inline constexpr Field usage_dirty{6, names::usage_dirty};
+}  // namespace tracker_field
 
 inline constexpr std::size_t key_parts = 4;
 using UsageKey = std::array<Ref, key_parts>;  // tool, action or None, outcome, alias hit
 
 /// A tracker as its operations see it. No field of it is kept here: every access reads the object as it is now.
+///
+/// Only for a tracker that has been constructed: looking for its dictionary may make one, and the interpreter cannot
+/// take that apart when an object dies half-made for want of memory.
 class Tracker {
 public:
     Tracker(const Scope& scope, PyObject* self)
-        : class_{originals(scope).tracker}, self_{self}, fields_{_PyObject_GetDictPtr(self)}
+        : class_{import_state(scope).tracker}, self_{self}, fields_{_PyObject_GetDictPtr(self)}
     {
     }
 
     [[nodiscard]] PyObject* self() const { return self_; }
 
-    /// Whether the field is just an entry of the instance's dictionary: attribute access is the usual one and the class
-    /// has nothing under the name, as is known of our own as it was made. The interpreter's cache tells of any other.
+    /// Whether the field is just an entry of the instance's dictionary: attribute access is the usual one, and the class
+    /// has nothing under the name, as is known of our own class as it was made.
     [[nodiscard]] bool is_plain(const Field& field) const
     {
         PyTypeObject* const type = Py_TYPE(self_);
@@ -35,19 +50,20 @@ public:
     /// `self.field`
     [[nodiscard]] Ref get(const Field& field) const
     {
-        PyObject* const value = look(field);
+        PyObject* const value = in_place(field);
         return value != nullptr ? Ref::borrow(value) : cpython::attr(self_, field.name);
     }
 
     /// `self.field = value`; storing what is there already would change nothing.
     [[nodiscard]] bool set(const Field& field, PyObject* value) const
     {
-        return look(field) == value || cpython::set_attr(self_, field.name, value);
+        return in_place(field) == value || cpython::set_attr(self_, field.name, value);
     }
 
 private:
-    /// The field where the constructor's order has put it, borrowed; null without an error where that can not tell.
-    [[nodiscard]] PyObject* look(const Field& field) const
+    /// The field where the constructor's order has put it, borrowed; null, without an error, where it has to be looked
+    /// up.
+    [[nodiscard]] PyObject* in_place(const Field& field) const
     {
         return fields_ != nullptr && is_plain(field) && *fields_ != nullptr
                    ? cpython::value_at(*fields_, static_cast<Py_ssize_t>(field.index), field.name)
@@ -75,8 +91,8 @@ Ref has_unsaved_changes(const Scope& scope, PyObject* const* arguments);
 // The health summary
 Ref get_health_summary(const Scope& scope, PyObject* const* arguments);
 Ref usage_rows(const Scope& scope, PyObject* const* arguments);
-[[nodiscard]] bool keep_tool_order(Originals& originals);
-[[nodiscard]] bool keep_row_order(Originals& originals);
+extern PyMethodDef rank_of_pair;  // the sort keys, as C functions
+extern PyMethodDef rank_of_row;
 
 // History persistence
 Ref load(const Scope& scope, PyObject* const* arguments);
@@ -85,36 +101,29 @@ Ref flush(const Scope& scope, PyObject* const* arguments);
 Ref flush_usage(const Scope& scope, PyObject* const* arguments);
 Ref flush_health(const Scope& scope, PyObject* const* arguments);
 
-/// `with self._lock: body(tracker)`; the body answers whether it got to its end.
+/// A function's last statement `with lock: return body()`: what the body returns, or None after a swallowed error.
 template <class Body>
-cpython::BlockEnd locked(const Scope& scope, PyObject* self, Body&& body)
+Ref locked(const Scope& scope, const Ref& lock, Body&& body)
 {
-    const Tracker tracker{scope, self};
-    const Ref lock = tracker.get(tracker_field::lock);
-    return lock ? cpython::with_lock(originals(scope).lock, lock.get(), [&] { return body(tracker); })
-                : cpython::BlockEnd::failed;
-}
-
-/// `self._repo.db.name`, a method of the repository's database
-inline Ref database_method(PyObject* self, PyObject* name)
-{
-    const Ref repository = cpython::attr(self, names::repo);
-    const Ref database = repository ? cpython::attr(repository.get(), names::db) : Ref{};
-    return database ? cpython::attr(database.get(), name) : Ref{};
-}
-
-/// What a function returns whose last statement is that `with` block: its result, or None after a swallowed error.
-inline Ref result_of(cpython::BlockEnd end, Ref&& result)
-{
-    switch (end) {
-    case cpython::BlockEnd::reached:
-        return std::move(result);
+    Ref result;
+    switch (cpython::with_lock(import_state(scope).lock, lock, [&] {
+        result = body();
+        return static_cast<bool>(result);
+    })) {
+    case cpython::BlockEnd::completed:
+        return result;
     case cpython::BlockEnd::swallowed:
         return cpython::none();
     case cpython::BlockEnd::failed:
         break;
     }
     return {};
+}
+
+/// `self._repo.db.name`, a method of the repository's database
+inline Ref database_method(PyObject* self, PyObject* name)
+{
+    return cpython::attr(cpython::attr(cpython::attr(self, names::repo), names::db), name);
 }
 
 }  // namespace health

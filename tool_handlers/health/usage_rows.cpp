@@ -1,108 +1,93 @@
 #include "usage_rows.hpp"
 
-#include "cpython/containers.hpp"
-#include "stored_formats.hpp"
-
-#include <algorithm>
-
 namespace health {
 
 using cpython::Answer;
+using cpython::item;
 
 namespace {
 
 /// `round(usage.total_ms / usage.timed_calls, 2) if usage.timed_calls else None`
 Ref mean_ms(const Scope& scope, PyObject* usage)
 {
-    const UsageClass& records = originals(scope).usage;
-    Answer timed = Answer::failed;
-    if (const Ref condition = records.get(usage, usage_record::timed_calls)) {
-        timed = cpython::truth(condition.get());
-    }
+    const RecordClass& records = import_state(scope).usage;
+    const Answer timed = cpython::truth(records.get(usage, usage_record::timed_calls));
     if (timed != Answer::yes) {
-        return timed == Answer::no ? cpython::none() : Ref{};
+        return cpython::none_if(timed == Answer::no);
     }
     const Ref total_ms = records.get(usage, usage_record::total_ms);
     const Ref timed_calls = total_ms ? records.get(usage, usage_record::timed_calls) : Ref{};
-    const Ref mean = timed_calls ? Ref::steal(PyNumber_TrueDivide(total_ms.get(), timed_calls.get())) : Ref{};
-    return mean ? rounded(scope, mean.get(), 2) : Ref{};
+    return cpython::rounded(
+        scope, timed_calls ? Ref::steal(PyNumber_TrueDivide(total_ms.get(), timed_calls.get())) : Ref{}, 2);
 }
 
-/// The key of the general sort: `(-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"])`.
-PyObject* rank_of_row(PyObject* /*module*/, PyObject* row)
+/// `(-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"])`
+PyObject* rank(PyObject* /*module*/, PyObject* row)
 {
-    const Ref calls = cpython::item(row, names::calls);
-    const Ref most_first = calls ? Ref::steal(PyNumber_Negative(calls.get())) : Ref{};
-    const Ref action = most_first ? cpython::item(row, names::action) : Ref{};
-    const Ref text = action ? Ref::steal(PyObject_Str(action.get())) : Ref{};
-    const Ref outcome = text ? cpython::item(row, names::outcome) : Ref{};
-    const Ref alias_hit = outcome ? cpython::item(row, names::alias_hit) : Ref{};
-    return alias_hit ? PyTuple_Pack(4, most_first.get(), text.get(), outcome.get(), alias_hit.get())
-                     : nullptr;
-}
-
-PyMethodDef rank_of_row_definition{"rank", rank_of_row, METH_O, nullptr};
-
-/// The row of one usage key; asks the host whether such a call is slow by nature.
-Ref make_row(const Scope& scope, PyObject* tool_name, const UsageKey& key, PyObject* usage)
-{
-    const auto& [tool, action, outcome, alias_hit] = key;
-    const Ref calls = originals(scope).usage.get(usage, usage_record::calls);
-    const Ref avg_ms = calls ? mean_ms(scope, usage) : Ref{};
-    const Ref predicate = avg_ms ? scope.global(names::is_slow_call) : Ref{};
-    const Ref slow = predicate ? cpython::call(predicate.get(), tool_name, action.get()) : Ref{};
-    if (!slow) {
-        return {};
-    }
-    return originals(scope).usage_row.make(
-        {action.get(), outcome.get(), alias_hit.get(), calls.get(), avg_ms.get(), slow.get()});
+    const Ref calls = cpython::negative(item(row, names::calls));
+    const Ref action = calls ? cpython::text_of(item(row, names::action)) : Ref{};
+    const Ref outcome = action ? item(row, names::outcome) : Ref{};
+    const Ref alias_hit = outcome ? item(row, names::alias_hit) : Ref{};
+    return cpython::tuple_of(calls, action, outcome, alias_hit).release();
 }
 
 }  // namespace
 
-bool add_row(const Scope& scope, PyObject* tool_name, PyObject* key, PyObject* usage, const Ref& rows)
+PyMethodDef rank_of_row{"rank_of_row", rank, METH_O, nullptr};
+
+/// The row of one usage key; asks the host whether such a call is slow by nature.
+bool UsageRows::add(const UsageKey& key, PyObject* usage)
 {
-    UsageKey parts;
-    return cpython::unpack(key, parts) && append(rows, make_row(scope, tool_name, parts, usage));
+    const auto& [tool, action, outcome, alias_hit] = key;
+    const Ref calls = import_state(scope_).usage.get(usage, usage_record::calls);
+    const Ref avg_ms = calls ? mean_ms(scope_, usage) : Ref{};
+    const Ref predicate = avg_ms ? scope_.global(names::is_slow_call) : Ref{};
+    const Ref slow = cpython::call(predicate, tool_name_, action);
+    return slow && cpython::append(rows_, cpython::dict_of<6>({{{names::action, action},
+                                                                {names::outcome, outcome},
+                                                                {names::alias_hit, alias_hit},
+                                                                {names::calls, calls},
+                                                                {names::avg_ms, avg_ms},
+                                                                {names::slow, slow}}},
+                                                              last_));
 }
 
-bool keep_row_order(Originals& originals)
+Ref UsageRows::sorted()
 {
-    return originals.most_first.set_function(rank_of_row_definition, names::sort, names::key);
+    return cpython::sort(rows_, import_state(scope_).most_first) ? std::move(rows_) : Ref{};
 }
 
-Ref sorted_rows(const Scope& scope, const Ref& rows)
+Ref UsageRows::from_map(const Ref& usage_map)
 {
-    return originals(scope).most_first.sort(rows.get()) ? rows.copy() : Ref{};
-}
-
-Ref rows_of(const Scope& scope, PyObject* usage, PyObject* tool_name)
-{
-    const Ref items = cpython::call_method(usage, names::items);
-    const Ref entries = items ? Ref::steal(PyObject_GetIter(items.get())) : Ref{};
-    const Ref rows = entries ? Ref::steal(PyList_New(0)) : Ref{};
-    if (!rows) {
-        return {};
-    }
-    while (const Ref entry = Ref::steal(PyIter_Next(entries.get()))) {
+    const Ref items = rows_ ? cpython::call_method(usage_map, names::items) : Ref{};
+    const bool done = cpython::for_each(items, [&](PyObject* entry) {
         std::array<Ref, 2> pair;
         UsageKey key;
-        if (!cpython::unpack(entry.get(), pair) || !cpython::unpack(pair[0].get(), key)) {
-            return {};
+        if (!cpython::unpack(entry, pair) || !cpython::unpack(pair[0].get(), key)) {
+            return false;
         }
-        const Answer asked = cpython::compare(key[0].get(), tool_name, Py_EQ);
-        if (asked == Answer::failed ||
-            (asked == Answer::yes && !append(rows, make_row(scope, tool_name, key, pair[1].get())))) {
+        const Answer wanted = cpython::compare(key[0], tool_name_, Py_EQ);
+        return wanted == Answer::yes ? add(key, pair[1].get()) : wanted == Answer::no;
+    });
+    return done ? sorted() : Ref{};
+}
+
+Ref UsageRows::from_group(const Ref& group)
+{
+    for (Py_ssize_t i = 0; rows_ && group && i < PyList_GET_SIZE(group.get()); i += 2) {
+        const Ref usage = Ref::borrow(PyList_GET_ITEM(group.get(), i + 1));
+        UsageKey key;
+        if (!cpython::unpack(PyList_GET_ITEM(group.get(), i), key) || !add(key, usage.get())) {
             return {};
         }
     }
-    return PyErr_Occurred() == nullptr ? sorted_rows(scope, rows) : Ref{};
+    return rows_ ? sorted() : Ref{};
 }
 
 Ref usage_rows(const Scope& scope, PyObject* const* arguments)
 {
     const Ref usage = cpython::attr(arguments[0], names::usage);
-    return usage ? rows_of(scope, usage.get(), arguments[1]) : Ref{};
+    return UsageRows{scope, arguments[1]}.from_map(usage);
 }
 
 }  // namespace health

@@ -5,14 +5,28 @@
 
 namespace health {
 
-/// The rows of the tool among the usage counts, a map of any kind.
-Ref rows_of(const Scope& scope, PyObject* usage, PyObject* tool_name);
+/// Makes the rows of one tool: new lists, in their order.
+class UsageRows {
+public:
+    UsageRows(const Scope& scope, PyObject* tool_name)
+        : scope_{scope}, tool_name_{tool_name}, rows_{Ref::steal(PyList_New(0))}
+    {
+    }
 
-/// Adds the row of one usage count.
-[[nodiscard]] bool add_row(const Scope& scope, PyObject* tool_name, PyObject* key, PyObject* usage,
-                           const Ref& rows);
+    /// Those among the usage counts, a map of any kind.
+    Ref from_map(const Ref& usage_map);
 
-/// The rows in their order: the same list, sorted.
-Ref sorted_rows(const Scope& scope, const Ref& rows);
+    /// Those of the tool's own keys and records, which stand in a list in turn; null for none.
+    Ref from_group(const Ref& group);
+
+private:
+    bool add(const UsageKey& key, PyObject* usage);
+    Ref sorted();
+
+    const Scope& scope_;
+    PyObject* tool_name_;  // borrowed for the time of the call
+    Ref rows_;
+    Ref last_;  // of the rows
+};
 
 }  // namespace health

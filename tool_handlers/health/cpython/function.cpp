@@ -1,6 +1,6 @@
 #include "function.hpp"
 
-#include "names.hpp"
+#include "containers.hpp"
 
 namespace cpython {
 
@@ -9,50 +9,22 @@ namespace {
 // What a call of any function runs before we redirect it: the interpreter's binder and its bytecode.
 vectorcallfunc interpreted = nullptr;
 
-namespace names {
-Name replace{"replace"};
-Name co_argcount{"co_argcount"};
-Name co_kwonlyargcount{"co_kwonlyargcount"};
-Name co_nlocals{"co_nlocals"};
-Name co_varnames{"co_varnames"};
-Name co_consts{"co_consts"};
-Name co_flags{"co_flags"};
-Name co_filename{"co_filename"};
-Name co_qualname{"co_qualname"};
-Name file{"__file__"};
-Name doc{"__doc__"};
-Name name{"name"};
-}  // namespace names
-
-/// The constant of an operation's code. One more of them, in no code, owns what the import keeps.
-struct Keepsake {
+/// The constant of an operation's code.
+struct Link {
     PyObject ob_base;
-    void* kept;
-    void (*destroy)(void*);  // null in those of the operations
-    PyObject* owner;         // the one that owns; null there
-    vectorcallfunc entry;    // of the operation
-    PyObject* parameters;    // the tuple of names in its code; owned, so that no other can be taken for it
+    PyObject* owner;  // the capsule around the state, owned
+    void* state;      // what is in there
+    PyObject* code;   // a weak reference to the code that this was made for, owned; null while that is made
+    vectorcallfunc entry;  // of the operation
 };
 
-void dealloc_keepsake(PyObject* self)
+void dealloc_link(PyObject* self)
 {
     const Ref type = Ref::steal(reinterpret_cast<PyObject*>(Py_TYPE(self)));
-    const auto* const keepsake = reinterpret_cast<Keepsake*>(self);
-    const Ref owner = Ref::steal(keepsake->owner);
-    const Ref parameters = Ref::steal(keepsake->parameters);
-    if (keepsake->destroy != nullptr) {
-        keepsake->destroy(keepsake->kept);
-    }
+    const auto* const link = reinterpret_cast<Link*>(self);
+    const Ref owner = Ref::steal(link->owner);
+    const Ref code = Ref::steal(link->code);
     reinterpret_cast<PyTypeObject*>(type.get())->tp_free(self);
-}
-
-Ref new_keepsake(PyObject* type, void* kept)
-{
-    Ref keepsake = Ref::steal(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(type), 0));
-    if (keepsake) {
-        reinterpret_cast<Keepsake*>(keepsake.get())->kept = kept;
-    }
-    return keepsake;
 }
 
 PyCodeObject* code_of(const PyFunctionObject* function)
@@ -60,146 +32,71 @@ PyCodeObject* code_of(const PyFunctionObject* function)
     return reinterpret_cast<PyCodeObject*>(function->func_code);
 }
 
-/// The keepsake in the function's code, if that is the very code which this operation was made with: somebody may have
-/// assigned a copy, changed or not, or the code of another operation. Every code object has a tuple of names of its
-/// own, made with it, so that its identity tells; and no other class deallocates with our function.
-Keepsake* keepsake_of(const PyFunctionObject* function)
+/// The link in the function's code, if that is the very code which this operation was made with: somebody may have
+/// assigned a copy, changed or not, or the code of another operation. No other class deallocates with our function.
+Link* link_of(const PyFunctionObject* function)
 {
-    const PyCodeObject* const code = code_of(function);
+    PyCodeObject* const code = code_of(function);
     if (PyTuple_GET_SIZE(code->co_consts) != 1) {
         return nullptr;
     }
     PyObject* const constant = PyTuple_GET_ITEM(code->co_consts, 0);
-    if (Py_TYPE(constant)->tp_dealloc != dealloc_keepsake) {
+    if (Py_TYPE(constant)->tp_dealloc != dealloc_link) {
         return nullptr;
     }
-    auto* const keepsake = reinterpret_cast<Keepsake*>(constant);
-    return keepsake->parameters == code->co_localsplusnames && keepsake->entry == function->vectorcall
-               ? keepsake
-               : nullptr;
+    auto* const link = reinterpret_cast<Link*>(constant);
+    const auto* const own_code = reinterpret_cast<PyWeakReference*>(link->code);
+    const bool is_own = own_code->wr_object == function->func_code && link->entry == function->vectorcall;
+    return is_own ? link : nullptr;
 }
 
 void raise_name_error(PyObject* name)
 {
     const Ref text = Ref::steal(PyUnicode_FromFormat("name '%.200U' is not defined", name));
-    const Ref error =
-        text ? call_named(PyExc_NameError, std::array{Named{names::name, name}}, text.get()) : Ref{};
-    if (error) {
+    if (const Ref error = call_named(PyExc_NameError, std::array{Named{names::name, name}}, text)) {
         PyErr_SetObject(PyExc_NameError, error.get());
     }
-}
-
-/// The names of the parameters, which are all the local variables there are.
-Ref make_variables(const Operation& operation)
-{
-    Ref variables = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(operation.parameters.size())));
-    for (std::size_t i = 0; variables && i < operation.parameters.size(); ++i) {
-        PyObject* const name = PyUnicode_InternFromString(operation.parameters[i].name);
-        if (name == nullptr) {
-            return {};
-        }
-        PyTuple_SET_ITEM(variables.get(), static_cast<Py_ssize_t>(i), name);
-    }
-    return variables;
-}
-
-bool change(const Ref& changes, PyObject* name, const Ref& value)
-{
-    return value && PyDict_SetItem(changes.get(), name, value.get()) == 0;
-}
-
-/// What `code.replace` is to change in a code object that only raises.
-Ref make_changes(const Operation& operation, PyObject* qualified_name, PyObject* globals, const Ref& constant)
-{
-    const auto total = static_cast<long>(operation.parameters.size());
-    const long keyword_only = std::ranges::count(operation.parameters, true, &Parameter::keyword_only);
-    Ref changes = Ref::steal(PyDict_New());
-    if (!changes || !change(changes, names::co_varnames, make_variables(operation)) ||
-        !change(changes, names::co_argcount, Ref::steal(PyLong_FromLong(total - keyword_only))) ||
-        !change(changes, names::co_kwonlyargcount, Ref::steal(PyLong_FromLong(keyword_only))) ||
-        !change(changes, names::co_nlocals, Ref::steal(PyLong_FromLong(total))) ||
-        !change(changes, names::co_consts, Ref::steal(PyTuple_Pack(1, constant.get()))) ||
-        !change(changes, names::co_flags,
-                Ref::steal(PyLong_FromLong(CO_NEWLOCALS | CO_FUTURE_ANNOTATIONS))) ||
-        !change(changes, names::co_qualname, Ref::borrow(qualified_name))) {
-        return {};
-    }
-    Ref file;
-    if (PyDict_GetItemRef(globals, names::file, file.out()) < 0 ||
-        (file && PyUnicode_Check(file.get()) && !change(changes, names::co_filename, file))) {
-        return {};
-    }
-    return changes;
-}
-
-/// The code object: parameters and keepsake, and no instruction of ours.
-Ref make_code(const Operation& operation, PyObject* qualified_name, PyObject* globals, PyObject* owner)
-{
-    const Ref constant =
-        new_keepsake(reinterpret_cast<PyObject*>(Py_TYPE(owner)), reinterpret_cast<Keepsake*>(owner)->kept);
-    if (!constant) {
-        return {};
-    }
-    auto* const keepsake = reinterpret_cast<Keepsake*>(constant.get());
-    keepsake->owner = Py_NewRef(owner);
-    keepsake->entry = operation.entry;
-    const Ref changes = make_changes(operation, qualified_name, globals, constant);
-    const Ref empty = changes ? Ref::steal(reinterpret_cast<PyObject*>(
-                                    PyCode_NewEmpty("<extension module>", operation.name, 1)))
-                              : Ref{};
-    const Ref replace = empty ? attr(empty.get(), names::replace) : Ref{};
-    Ref code =
-        replace ? Ref::steal(PyObject_VectorcallDict(replace.get(), nullptr, 0, changes.get())) : Ref{};
-    if (code) {
-        keepsake->parameters = Py_NewRef(reinterpret_cast<PyCodeObject*>(code.get())->co_localsplusnames);
-    }
-    return code;
 }
 
 Ref make_annotations(const Operation& operation)
 {
     Ref annotations = Ref::steal(PyDict_New());
-    if (!annotations) {
-        return {};
-    }
     const auto annotate = [&](const char* name, const char* text) {
-        const Ref value = Ref::steal(PyUnicode_FromString(text));
+        const Ref value = annotations ? Ref::steal(PyUnicode_FromString(text)) : Ref{};
         return value && PyDict_SetItemString(annotations.get(), name, value.get()) == 0;
     };
+    const bool done = std::ranges::all_of(operation.parameters, [&](const Parameter& parameter) {
+        return parameter.annotation == nullptr || annotate(parameter.name, parameter.annotation);
+    });
+    return done && annotate("return", operation.result) ? std::move(annotations) : Ref{};
+}
+
+/// The names of the parameters, which are all the local variables there are.
+Ref make_variables(const Operation& operation)
+{
+    const Ref names = Ref::steal(PyList_New(0));
     for (const Parameter& parameter : operation.parameters) {
-        if (parameter.annotation != nullptr && !annotate(parameter.name, parameter.annotation)) {
+        if (!append(names, Ref::steal(PyUnicode_InternFromString(parameter.name)))) {
             return {};
         }
     }
-    return annotate("return", operation.result) ? std::move(annotations) : Ref{};
+    return names ? Ref::steal(PyList_AsTuple(names.get())) : Ref{};
 }
 
-/// The tuple of defaults (all of them None), or None for none.
+/// The tuple of defaults, all of them None.
 Ref make_defaults(const Operation& operation)
 {
-    const auto count = std::count_if(operation.parameters.begin(), operation.parameters.end(),
-                                     [](const Parameter& parameter) { return parameter.none_by_default; });
-    if (count == 0) {
-        return none();
-    }
-    Ref defaults = Ref::steal(PyTuple_New(count));
-    for (Py_ssize_t i = 0; defaults && i < count; ++i) {
-        PyTuple_SET_ITEM(defaults.get(), i, Py_NewRef(Py_None));
-    }
-    return defaults;
+    const auto count = std::ranges::count(operation.parameters, true, &Parameter::none_by_default);
+    const Ref one = tuple_of(Py_None);
+    return one ? Ref::steal(PySequence_Repeat(one.get(), count)) : Ref{};
 }
 
-/// Finds the parameter that a keyword names, by identity first, as nearly every call passes interned names.
+/// Finds the parameter that a keyword names.
 Answer find_parameter(PyObject* parameters, PyObject* keyword, std::size_t count, std::size_t& index)
 {
     for (index = 0; index < count; ++index) {
-        if (PyTuple_GET_ITEM(parameters, static_cast<Py_ssize_t>(index)) == keyword) {
-            return Answer::yes;
-        }
-    }
-    for (index = 0; index < count; ++index) {
-        const Answer same =
-            compare(PyTuple_GET_ITEM(parameters, static_cast<Py_ssize_t>(index)), keyword, Py_EQ);
+        PyObject* const parameter = PyTuple_GET_ITEM(parameters, static_cast<Py_ssize_t>(index));
+        const Answer same = answer(PyObject_RichCompareBool(keyword, parameter, Py_EQ));
         if (same != Answer::no) {
             return same;
         }
@@ -237,20 +134,24 @@ Answer fill_in_defaults(const PyFunctionObject* function, PyObject* parameters, 
 
 }  // namespace
 
-Scope::Scope(PyObject* function)
-    : function_{Ref::borrow(function)}, globals_{reinterpret_cast<PyFunctionObject*>(function)->func_globals},
-      builtins_{reinterpret_cast<PyFunctionObject*>(function)->func_builtins}
+Scope::Scope(PyObject* function) : function_{Ref::borrow(function)}
 {
-    if (Keepsake* const keepsake = keepsake_of(reinterpret_cast<PyFunctionObject*>(function))) {
-        keepsake_ = Ref::borrow(reinterpret_cast<PyObject*>(keepsake));
-        kept_ = keepsake->kept;
+    if (Link* const link = link_of(reinterpret_cast<PyFunctionObject*>(function))) {
+        link_ = Ref::borrow(reinterpret_cast<PyObject*>(link));
+        state_ = link->state;
     }
 }
 
 Answer Scope::find_global(PyObject* name, Ref& value) const
 {
-    const int found = PyDict_GetItemRef(globals_, name, value.out());
-    return answer(found != 0 ? found : PyDict_GetItemRef(builtins_, name, value.out()));
+    const auto* const function = reinterpret_cast<PyFunctionObject*>(function_.get());
+    const int found = PyDict_GetItemRef(function->func_globals, name, value.out());
+    if (found != 0) {
+        return answer(found);
+    }
+    PyObject* const builtins = function->func_builtins;  // what `__builtins__` in the namespace is or was
+    return answer(PyDict_CheckExact(builtins) ? PyDict_GetItemRef(builtins, name, value.out())
+                                              : PyMapping_GetOptionalItem(builtins, name, value.out()));
 }
 
 Ref Scope::global(PyObject* name) const
@@ -268,48 +169,78 @@ bool Scope::owns(PyObject* value, vectorcallfunc entry) const
         return false;
     }
     const auto* const function = reinterpret_cast<PyFunctionObject*>(value);
-    const Keepsake* const keepsake = function->vectorcall == entry ? keepsake_of(function) : nullptr;
-    return keepsake != nullptr && keepsake->kept == kept_;
+    const Link* const link = function->vectorcall == entry ? link_of(function) : nullptr;
+    return link != nullptr && link->state == state_;
 }
 
-Ref make_keepsake(void* kept, void (*destroy)(void*))
+bool OperationMaker::make_link_type()
 {
-    std::array<PyType_Slot, 2> slots{
-        {{Py_tp_dealloc, reinterpret_cast<void*>(dealloc_keepsake)}, {0, nullptr}}};
-    PyType_Spec spec{"operations.keepsake", sizeof(Keepsake), 0,
+    std::array<PyType_Slot, 2> slots{{{Py_tp_dealloc, reinterpret_cast<void*>(dealloc_link)}, {0, nullptr}}};
+    PyType_Spec spec{"operations.link", sizeof(Link), 0,
                      Py_TPFLAGS_DEFAULT | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
                      slots.data()};
-    const Ref type = Ref::steal(PyType_FromSpec(&spec));
-    if (!type && PyErr_Occurred() == nullptr) {
+    link_type_ = Ref::steal(PyType_FromSpec(&spec));
+    if (!link_type_ && PyErr_Occurred() == nullptr) {
         PyErr_NoMemory();  // CPython 3.13.0 does not say so of the copy that it makes of the name
     }
-    Ref owner = type ? new_keepsake(type.get(), kept) : Ref{};
-    if (!owner) {
-        destroy(kept);
-        return {};
-    }
-    reinterpret_cast<Keepsake*>(owner.get())->destroy = destroy;
-    return owner;
+    return static_cast<bool>(link_type_);
 }
 
-Ref make_function(const Operation& operation, const char* owner, PyObject* globals, PyObject* keepsake)
+Ref OperationMaker::make_link(const Operation& operation) const
+{
+    Ref link = Ref::steal(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(link_type_.get()), 0));
+    if (link) {
+        auto* const fields = reinterpret_cast<Link*>(link.get());
+        fields->owner = owner_.copy().release();
+        fields->state = PyCapsule_GetPointer(owner_.get(), nullptr);
+        fields->entry = operation.entry;
+    }
+    return link;
+}
+
+/// The code object: names and link, and bytecode that only raises.
+Ref OperationMaker::make_code(const Operation& operation, PyObject* names, PyObject* qualified_name) const
+{
+    const auto total = static_cast<int>(operation.parameters.size());
+    const auto by_name =
+        static_cast<int>(std::ranges::count(operation.parameters, true, &Parameter::keyword_only));
+    const Ref link = make_link(operation);
+    const Ref constants = tuple_of(link);
+    const Ref raising =
+        Ref::steal(reinterpret_cast<PyObject*>(PyCode_NewEmpty("<extension module>", operation.name, 1)));
+    auto* const pattern = reinterpret_cast<PyCodeObject*>(raising.get());
+    const Ref bytecode = constants && raising ? Ref::steal(PyCode_GetCode(pattern)) : Ref{};
+    Ref file;
+    if (!bytecode || PyDict_GetItemRef(globals_, names::file, file.out()) < 0) {
+        return {};
+    }
+    PyObject* const none = Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE);
+    PyObject* const shown_file = file && PyUnicode_Check(file.get()) ? file.get() : pattern->co_filename;
+    Ref code = Ref::steal(reinterpret_cast<PyObject*>(PyUnstable_Code_New(
+        total - by_name, by_name, total, pattern->co_stacksize, CO_NEWLOCALS | CO_FUTURE_ANNOTATIONS,
+        bytecode.get(), constants.get(), none, names, none, none, shown_file, pattern->co_name,
+        qualified_name, 1, pattern->co_linetable, pattern->co_exceptiontable)));
+    PyObject*& own_code = reinterpret_cast<Link*>(link.get())->code;
+    return code && replace(own_code, Ref::steal(PyWeakref_NewRef(code.get(), nullptr))) ? std::move(code)
+                                                                                        : Ref{};
+}
+
+Ref OperationMaker::make(const Operation& operation, const char* owner) const
 {
     const Ref qualified_name =
         Ref::steal(owner == nullptr ? PyUnicode_FromString(operation.name)
                                     : PyUnicode_FromFormat("%s.%s", owner, operation.name));
-    const Ref code = qualified_name ? make_code(operation, qualified_name.get(), globals, keepsake) : Ref{};
+    const Ref variables = qualified_name ? make_variables(operation) : Ref{};
+    const Ref code = variables ? make_code(operation, variables.get(), qualified_name.get()) : Ref{};
     Ref function =
-        code ? Ref::steal(PyFunction_NewWithQualName(code.get(), globals, qualified_name.get())) : Ref{};
+        code ? Ref::steal(PyFunction_NewWithQualName(code.get(), globals_, qualified_name.get())) : Ref{};
     const Ref annotations = function ? make_annotations(operation) : Ref{};
-    if (!annotations || PyFunction_SetAnnotations(function.get(), annotations.get()) != 0) {
-        return {};
-    }
-    const Ref defaults = make_defaults(operation);
-    if (!defaults || PyFunction_SetDefaults(function.get(), defaults.get()) != 0) {
-        return {};
-    }
-    const Ref doc = Ref::steal(PyUnicode_FromString(operation.doc));
-    if (!doc || !set_attr(function.get(), names::doc, doc.get())) {
+    const Ref defaults = annotations ? make_defaults(operation) : Ref{};
+    const Ref doc = defaults ? Ref::steal(PyUnicode_FromString(operation.doc)) : Ref{};
+    if (!doc || PyFunction_SetAnnotations(function.get(), annotations.get()) != 0 ||
+        (PyTuple_GET_SIZE(defaults.get()) != 0 &&
+         PyFunction_SetDefaults(function.get(), defaults.get()) != 0) ||
+        !set_attr(function, names::doc, doc)) {
         return {};
     }
     auto* const as_function = reinterpret_cast<PyFunctionObject*>(function.get());

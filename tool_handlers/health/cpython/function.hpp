@@ -3,15 +3,15 @@
 // An operation is a plain `function` whose call goes to a C++ body instead of to bytecode (PyFunction_SetVectorcall).
 // So everything that Python knows of a function is there because it is one: signature, annotations, defaults, binding
 // as a method, patching, pickling by reference, garbage collection, the specialised method calls of the interpreter.
-// Its code object carries the parameters, and one constant: the keepsake, an object around what the import has kept
-// for the short cuts of its operations.
+// Its code object carries the parameters and one constant, the link: to the state of the import, and to the code that
+// the link was made for, as `__code__` may be assigned.
 //
 // Arguments in the order of the parameters go to the body as they lie on the caller's stack; names and defaults are
 // sorted by `bind`; and a call that does not fit is handed to the interpreter's own binder, which finds the words for
-// the TypeError. The bytecode behind that binder is never meant to run, so the interpreter must not inline a call and
-// get past our entry. Two things keep it from that: setting the vectorcall leaves the function without a version, which
-// the inlined forms of a plain call ask for, and the code is marked as not optimised (CO_OPTIMIZED is off), which those
-// of `__init__` and of property getters refuse.
+// the TypeError. The bytecode behind that binder only raises, so the interpreter must not inline a call and get past our
+// entry. Two things keep it from that: setting the vectorcall leaves the function without a version, which the inlined
+// forms of a plain call ask for, and the code is marked as not optimised (CO_OPTIMIZED is off), which those of `__init__`
+// and of property getters refuse.
 #pragma once
 
 #include "call.hpp"
@@ -30,45 +30,6 @@ struct Parameter {
     bool none_by_default = false;
 };
 
-/// What a running operation sees of its module. Made on entry, and good for the time of the call whatever foreign code
-/// does meanwhile: it holds the function, which holds the namespaces, and the keepsake.
-class Scope {
-public:
-    explicit Scope(PyObject* function);
-
-    /// False when the function's code is not its own: somebody has assigned `__code__`.
-    explicit operator bool() const { return static_cast<bool>(keepsake_); }
-
-    /// The module's namespace, borrowed.
-    [[nodiscard]] PyObject* globals() const { return globals_; }
-
-    /// A global name: the namespace first, then the builtins, else NameError.
-    [[nodiscard]] Ref global(PyObject* name) const;
-
-    /// The same, but no error for a name that is in neither.
-    Answer find_global(PyObject* name, Ref& value) const;
-
-    /// Whether `value` is a function of this module whose calls end in `entry`, so that its body can be called at once.
-    [[nodiscard]] bool owns(PyObject* value, vectorcallfunc entry) const;
-
-    /// What the import has kept (see `make_keepsake`).
-    template <class Kept>
-    [[nodiscard]] Kept& kept() const
-    {
-        return *static_cast<Kept*>(kept_);
-    }
-
-private:
-    Ref function_;
-    PyObject* globals_;
-    PyObject* builtins_;
-    Ref keepsake_;
-    void* kept_ = nullptr;
-};
-
-/// The body gets its arguments in the order of the parameters, borrowed from the caller for the time of the call.
-using Body = Ref (*)(const Scope& scope, PyObject* const* arguments);
-
 struct Operation {
     const char* name;
     const char* doc;
@@ -77,28 +38,80 @@ struct Operation {
     vectorcallfunc entry;
 };
 
-/// Wraps what an import keeps for its operations; `destroy` frees it when the last of them is gone. The garbage
-/// collector does not look inside: nothing in there may lead back to a function or a class of the module.
-Ref make_keepsake(void* kept, void (*destroy)(void*));
-
-/// The same for a new, empty `Kept`.
-template <class Kept>
-Ref make_keepsake(Kept*& kept)
-{
-    void* const memory = PyMem_Malloc(sizeof(Kept));
-    if (memory == nullptr) {
-        PyErr_NoMemory();
-        return {};
+/// Makes the operations of one import.
+class OperationMaker {
+public:
+    /// Makes the state that they share, which is freed with the last of them; null for an error. The garbage collector
+    /// does not look inside: nothing in there may lead back to a function or a class of the module.
+    template <class State>
+    State* start(PyObject* globals)
+    {
+        void* const memory = PyMem_Malloc(sizeof(State));
+        if (memory == nullptr) {
+            PyErr_NoMemory();
+            return nullptr;
+        }
+        auto* const state = new (memory) State{};
+        const auto destroy = [](PyObject* capsule) {
+            auto* const dying = static_cast<State*>(PyCapsule_GetPointer(capsule, nullptr));
+            dying->~State();
+            PyMem_Free(dying);
+        };
+        globals_ = globals;
+        owner_ = Ref::steal(PyCapsule_New(state, nullptr, destroy));
+        if (!owner_) {
+            state->~State();
+            PyMem_Free(state);
+        }
+        return owner_ && make_link_type() ? state : nullptr;
     }
-    kept = new (memory) Kept{};
-    return make_keepsake(memory, [](void* dying) {
-        static_cast<Kept*>(dying)->~Kept();
-        PyMem_Free(dying);
-    });
-}
 
-/// A function object for the operation. `owner` is the class that it is a method of, or null.
-Ref make_function(const Operation& operation, const char* owner, PyObject* globals, PyObject* keepsake);
+    /// The function object. `owner` is the class that it is a method of, or null.
+    [[nodiscard]] Ref make(const Operation& operation, const char* owner) const;
+
+private:
+    bool make_link_type();
+    [[nodiscard]] Ref make_link(const Operation& operation) const;
+    [[nodiscard]] Ref make_code(const Operation& operation, PyObject* names, PyObject* qualified_name) const;
+
+    PyObject* globals_ = nullptr;
+    Ref owner_;  // a capsule around the state
+    Ref link_type_;
+};
+
+/// What a running operation sees of its module. Made on entry, and good for the time of the call whatever foreign code
+/// does meanwhile: it holds the function, which holds the namespaces, and the link, which holds the state.
+class Scope {
+public:
+    explicit Scope(PyObject* function);
+
+    /// False when the function's code is not its own: somebody has assigned `__code__`.
+    explicit operator bool() const { return static_cast<bool>(link_); }
+
+    /// A global name: the namespace first, then the builtins, else NameError.
+    [[nodiscard]] Ref global(PyObject* name) const;
+
+    /// The same, but no error for a name that is in neither.
+    Answer find_global(PyObject* name, Ref& value) const;
+
+    /// Whether `value` is a function of this import whose calls end in `entry`, so that its body can be called at once.
+    [[nodiscard]] bool owns(PyObject* value, vectorcallfunc entry) const;
+
+    /// What the operations of this import share.
+    template <class State>
+    [[nodiscard]] State& state() const
+    {
+        return *static_cast<State*>(state_);
+    }
+
+private:
+    Ref function_;
+    Ref link_;
+    void* state_ = nullptr;
+};
+
+/// The body gets its arguments in the order of the parameters, borrowed from the caller for the time of the call.
+using Body = Ref (*)(const Scope& scope, PyObject* const* arguments);
 
 /// Room for the arguments of a call that does not lie in order.
 struct Binding {
@@ -118,26 +131,21 @@ PyObject* call_interpreted(PyObject* function, PyObject* const* arguments, std::
 /// Whether the keywords are just the last parameters, in order.
 bool are_last_parameters(PyObject* function, PyObject* keywords, std::size_t first);
 
-/// Ends a recursion that never passes through bytecode, say a setting that is a property of ours, with RecursionError,
-/// well before the C stack ends. The interpreter allows a thread 10,000 nested C calls (500 in its debug build) and
-/// means small ones by that; an operation takes up to 5 KiB of stack with all that it calls on the way to the next one,
-/// in a build without optimisation, and so counts as ten of them.
+/// Counts an operation as a nested Python function, under the limit of `sys.setrecursionlimit`; and as several nested C
+/// calls, so that the C stack does not end where that limit was raised. The interpreter allows a thread 10,000 of those
+/// (500 in its debug build) and means small ones; an operation takes up to 5 KiB of stack, in a build without
+/// optimisation, with all that it calls on the way to the next one.
 class RecursionGuard {
 public:
-    RecursionGuard()
-        : thread_{PyThreadState_GetUnchecked()}, entered_{thread_->c_recursion_remaining >= weight}
+    RecursionGuard() : thread_{PyThreadState_GetUnchecked()}
     {
-        if (entered_) {
-            thread_->c_recursion_remaining -= weight;
-        } else {
-            PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
-        }
+        thread_->py_recursion_remaining -= 1;
+        thread_->c_recursion_remaining -= c_calls;
     }
     ~RecursionGuard()
     {
-        if (entered_) {
-            thread_->c_recursion_remaining += weight;
-        }
+        thread_->py_recursion_remaining += 1;
+        thread_->c_recursion_remaining += c_calls;
     }
     RecursionGuard(const RecursionGuard&) = delete;
     RecursionGuard& operator=(const RecursionGuard&) = delete;
@@ -145,13 +153,19 @@ public:
     RecursionGuard& operator=(RecursionGuard&&) = delete;
 
     /// False: RecursionError is set.
-    explicit operator bool() const { return entered_; }
+    explicit operator bool() const
+    {
+        if (thread_->py_recursion_remaining >= 0 && thread_->c_recursion_remaining >= 0) {
+            return true;
+        }
+        PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
+        return false;
+    }
 
 private:
-    static constexpr int weight = 10;
+    static constexpr int c_calls = 10;
 
     PyThreadState* thread_;
-    bool entered_;
 };
 
 /// The call of an operation whose arguments do not lie in order. Kept apart, so that those that do need no room here.
@@ -195,13 +209,26 @@ PyObject* enter(PyObject* function, PyObject* const* arguments, std::size_t flag
     return result.release();
 }
 
+/// `function(*arguments)` for a global of the module that is an operation, unless somebody has replaced it: its body is
+/// called at once then. Null for a null argument.
+template <Body body, class... Arguments>
+Ref call_operation(const Scope& scope, const Ref& function, const Arguments&... arguments)
+{
+    if (!are_there(function, arguments...)) {
+        return {};
+    }
+    const std::array<PyObject*, sizeof...(Arguments)> stack{Arg{arguments}...};
+    return scope.owns(function.get(), enter<body, sizeof...(Arguments), 0>) ? body(scope, stack.data())
+                                                                            : call(function, arguments...);
+}
+
 /// A row of a module's table of operations; the parameters are an array with static lifetime.
 template <Body body, auto& parameters>
 constexpr Operation operation(const char* name, const char* result, const char* doc)
 {
     constexpr std::size_t count = std::size(parameters);
-    constexpr auto keyword_only = static_cast<std::size_t>(std::count_if(
-        std::begin(parameters), std::end(parameters), [](const Parameter& p) { return p.keyword_only; }));
+    constexpr auto keyword_only =
+        static_cast<std::size_t>(std::ranges::count(parameters, true, &Parameter::keyword_only));
     return {name, doc, parameters, result, enter<body, count, keyword_only>};
 }
 

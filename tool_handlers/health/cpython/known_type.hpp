@@ -6,7 +6,7 @@
 // and its address is in use again. No reference is held: a known class may be collected.
 #pragma once
 
-#include <Python.h>
+#include "interpreter.hpp"
 
 namespace cpython {
 
@@ -19,18 +19,14 @@ public:
         type_ = has_tag ? type : nullptr;
         version_ = has_tag ? type->tp_version_tag : 0;
     }
-    void forget() { type_ = nullptr; }
 
-    [[nodiscard]] bool is(PyObject* type) const { return is(reinterpret_cast<PyTypeObject*>(type)); }
-    [[nodiscard]] bool is_class_of(PyObject* object) const { return is(Py_TYPE(object)); }
-
-private:
-    [[nodiscard]] bool is(PyTypeObject* type) const
+    [[nodiscard]] bool is_class_of(PyObject* object) const
     {
-        return type == type_ && type->tp_version_tag == version_;
+        return Py_TYPE(object) == type_ && type_->tp_version_tag == version_;
     }
 
-    PyTypeObject* type_ = nullptr;  // not owned, and only ever compared
+private:
+    PyTypeObject* type_ = nullptr;  // not owned, and looked into only while an instance keeps it alive
     unsigned int version_ = 0;
 };
 

@@ -1,18 +1,8 @@
 #include "lock.hpp"
 
-#include "names.hpp"
-
 namespace cpython {
 
 namespace {
-
-namespace names {
-Name thread{"_thread"};
-Name lock{"lock"};
-Name enter{"__enter__"};
-Name exit{"__exit__"};
-Name release{"release"};
-}  // namespace names
 
 /// The C function behind a method of a builtin class, if it takes its arguments as `flags` say.
 PyCFunction method_of(PyTypeObject* type, PyObject* name, int flags)
@@ -25,29 +15,19 @@ PyCFunction method_of(PyTypeObject* type, PyObject* name, int flags)
     return definition->ml_flags == flags ? definition->ml_meth : nullptr;
 }
 
-/// The special method bound to the object, as a statement gets it: from the class. No when it has none.
-Answer special(PyObject* object, PyObject* name, Ref& method)
+/// The special method bound to the object, as a statement gets it: from the class.
+Ref special(PyObject* object, PyObject* name, const char* hint)
 {
     PyTypeObject* const type = Py_TYPE(object);
-    method = Ref::borrow_optional(_PyType_Lookup(type, name));
+    Ref method = Ref::borrow_optional(_PyType_Lookup(type, name));
     if (!method) {
-        return Answer::no;
-    }
-    if (descrgetfunc bind = Py_TYPE(method.get())->tp_descr_get; bind != nullptr) {
-        method = Ref::steal(bind(method.get(), object, reinterpret_cast<PyObject*>(type)));
-    }
-    return method ? Answer::yes : Answer::failed;
-}
-
-/// The same for a method without which the object is no context manager.
-Ref required(PyObject* object, PyObject* name, const char* hint)
-{
-    Ref method;
-    if (special(object, name, method) == Answer::no) {
         PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s",
-                     Py_TYPE(object)->tp_name, hint);
+                     type->tp_name, hint);
+        return {};
     }
-    return method;
+    const descrgetfunc bind = Py_TYPE(method.get())->tp_descr_get;
+    return bind == nullptr ? std::move(method)
+                           : Ref::steal(bind(method.get(), object, reinterpret_cast<PyObject*>(type)));
 }
 
 }  // namespace
@@ -73,28 +53,25 @@ bool LockClass::find()
     return true;
 }
 
-bool HeldLock::enter_any(PyObject* lock)
+Ref enter_any(PyObject* lock, Ref& exit)
 {
-    const Ref enter = required(lock, names::enter, "");
-    exit_ = enter ? required(lock, names::exit, " (missed __exit__ method)") : Ref{};
-    return exit_ && call(enter.get());
+    const Ref enter = special(lock, names::enter, "");
+    exit = enter ? special(lock, names::exit, " (missed __exit__ method)") : Ref{};
+    return exit ? call(enter) : Ref{};
 }
 
-BlockEnd HeldLock::leave_any(bool body_done)
+BlockEnd leave_after_error(const LockClass& lock_class, PyObject* lock, const Ref& exit)
 {
-    if (body_done) {
-        return call(exit_.get(), Py_None, Py_None, Py_None) ? BlockEnd::reached : BlockEnd::failed;
-    }
     const Handling handling;
     Ref verdict;
-    if (lock_ != nullptr) {
-        verdict = lock_class_.leave(lock_);
+    if (!exit) {
+        verdict = lock_class.leave(lock);
     } else {
         const Ref traceback = Ref::steal(PyException_GetTraceback(handling.error()));
-        verdict = call(exit_.get(), reinterpret_cast<PyObject*>(Py_TYPE(handling.error())), handling.error(),
+        verdict = call(exit, reinterpret_cast<PyObject*>(Py_TYPE(handling.error())), handling.error(),
                        traceback ? traceback.get() : Py_None);
     }
-    const Answer swallow = verdict ? truth(verdict.get()) : Answer::failed;
+    const Answer swallow = truth(verdict);
     if (swallow == Answer::no) {
         handling.raise_again();
     }

@@ -1,20 +1,25 @@
-// The `with` statement over a lock, exactly.
+// The `with` statement over a lock, exactly. Its ways out:
 //
-// `__enter__` and `__exit__` come from the type, both before the lock is taken; the body never runs when entering
-// fails; a failing body's exception is handed to `__exit__`, which may replace or swallow it. There is no RAII guard:
-// leaving can fail, and a destructor could not say so.
+//   `__enter__` fails                                  the body never runs          failed
+//   the body completes, and `__exit__`                 whatever it answers          completed
+//                                                      or raises an error           failed, with that error
+//   the body fails, and `__exit__`, given the error,   answers false                failed, with the body's error
+//                                                      answers true                 swallowed
+//                                                      or raises one of its own     failed, with that one
+//
+// `__enter__` and `__exit__` come from the type, both before the lock is taken, so that leaving needs no look-up that
+// could fail. There is no RAII guard: leaving can fail, and a destructor could not say so.
 #pragma once
 
 #include "call.hpp"
 
 namespace cpython {
 
-/// How a `with` block ended: with its last line, with an error that `__exit__` swallowed, or with an error set.
-enum class BlockEnd { reached, swallowed, failed };
+enum class BlockEnd { completed, swallowed, failed };
 
 /// The interpreter's own lock class, with the C functions behind `__enter__` and `__exit__`. The class is immutable, so
-/// calling them directly is the same as the look-up, minus the bound methods and the argument tuple. That matters
-/// beyond speed: releasing needs no memory, so that it cannot fail for want of it and leave the lock held.
+/// calling them directly is the same as the look-up, minus the bound methods and the argument tuple. Nor can releasing
+/// fail for want of memory then.
 class LockClass {
 public:
     /// Finds the class in the `_thread` module; false for an error. Where it is not what this expects, every lock
@@ -25,10 +30,9 @@ public:
     {
         return reinterpret_cast<PyObject*>(Py_TYPE(lock)) == type_.get();
     }
-    [[nodiscard]] bool enter(PyObject* lock) const
+    [[nodiscard]] Ref enter(PyObject* lock) const
     {
-        return static_cast<bool>(
-            Ref::steal(enter_(lock, Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE), nullptr)));
+        return Ref::steal(enter_(lock, Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE), nullptr));
     }
     [[nodiscard]] Ref leave(PyObject* lock) const { return Ref::steal(leave_(lock, nullptr)); }
 
@@ -38,45 +42,26 @@ private:
     PyCFunction leave_ = nullptr;
 };
 
-/// A lock that has been taken, with what is needed to let go of it.
-class HeldLock {
-public:
-    explicit HeldLock(const LockClass& lock_class) : lock_class_{lock_class} {}
+/// Takes a lock of any class, and puts its bound `__exit__` into `exit`.
+Ref enter_any(PyObject* lock, Ref& exit);
 
-    /// False: the lock is not held and an exception is set. The caller keeps the lock alive.
-    [[nodiscard]] bool enter(PyObject* lock)
-    {
-        if (lock_class_.is_class_of(lock)) {
-            lock_ = lock;
-            return lock_class_.enter(lock);
-        }
-        return enter_any(lock);
-    }
+/// Lets go of the lock when the body has left an exception set.
+BlockEnd leave_after_error(const LockClass& lock_class, PyObject* lock, const Ref& exit);
 
-    /// Lets go, on every way out. `body_done` false means that the body left an exception set.
-    BlockEnd leave(bool body_done)
-    {
-        if (body_done && lock_ != nullptr) {
-            return lock_class_.leave(lock_) ? BlockEnd::reached : BlockEnd::failed;
-        }
-        return leave_any(body_done);
-    }
-
-private:
-    bool enter_any(PyObject* lock);
-    BlockEnd leave_any(bool body_done);
-
-    const LockClass& lock_class_;
-    PyObject* lock_ = nullptr;  // of the interpreter's class; null for any other, which has `exit_`
-    Ref exit_;                  // the bound `__exit__`
-};
-
-/// `with lock: body()`; the body is a callable that answers whether it got to its end.
+/// `with lock: body()`; the body is a callable that answers whether it got to its end. The caller keeps the lock alive.
 template <class Body>
-BlockEnd with_lock(const LockClass& lock_class, PyObject* lock, Body&& body)
+BlockEnd with_lock(const LockClass& lock_class, Arg lock, Body&& body)
 {
-    HeldLock held{lock_class};
-    return held.enter(lock) ? held.leave(body()) : BlockEnd::failed;
+    Ref exit;  // of a lock of another class
+    const bool is_builtin = lock != nullptr && lock_class.is_class_of(lock);
+    if (lock == nullptr || !(is_builtin ? lock_class.enter(lock) : enter_any(lock, exit))) {
+        return BlockEnd::failed;
+    }
+    if (!body()) {
+        return leave_after_error(lock_class, lock, exit);
+    }
+    const Ref left = is_builtin ? lock_class.leave(lock) : call(exit, Py_None, Py_None, Py_None);
+    return left ? BlockEnd::completed : BlockEnd::failed;
 }
 
 }  // namespace cpython

@@ -5,7 +5,7 @@
 // executed any number of times (other package name, other interpreter) with nothing shared that could be changed.
 #pragma once
 
-#include <Python.h>
+#include "interpreter.hpp"
 
 namespace cpython {
 
@@ -44,5 +44,20 @@ private:
     PyObject* object_ = nullptr;
     Name* next_;
 };
+
+/// The names that the code in this directory uses.
+namespace names {
+inline Name doc{"__doc__"};
+inline Name enter{"__enter__"};
+inline Name exit{"__exit__"};
+inline Name file{"__file__"};
+inline Name key{"key"};
+inline Name lock{"lock"};
+inline Name name{"name"};
+inline Name release{"release"};
+inline Name round{"round"};
+inline Name sort{"sort"};
+inline Name thread{"_thread"};
+}  // namespace names
 
 }  // namespace cpython

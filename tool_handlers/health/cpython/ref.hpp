@@ -4,7 +4,7 @@
 // the count. Parameters are borrowed `PyObject*`, results are Ref; a null result means that an exception is set.
 #pragma once
 
-#include <Python.h>
+#include "interpreter.hpp"
 
 #include <utility>
 
@@ -69,6 +69,7 @@ private:
 }
 
 inline Ref none() { return Ref::borrow(Py_None); }
+inline Ref none_if(bool done) { return done ? none() : Ref{}; }
 inline Ref zero() { return Ref::steal(Py_GetConstant(Py_CONSTANT_ZERO)); }
 inline Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
 
