@@ -136,14 +136,16 @@ class Host(logging.Handler):
         if parent:
             setattr(sys.modules[parent], child, module)
 
-    def load(self, enter=True):
+    def load(self, enter=True, **attributes):
         """Import the module the way the import machinery does, or as a harness that does not enter
-        it in sys.modules. A second time gives a second copy.
+        it in sys.modules. A second time gives a second copy. The module has the attributes from the
+        start.
         """
         if not Path(self.implementation).exists():
             raise FileNotFoundError(f"{self.implementation} is not built; run script/bootstrap")
         spec = importlib.util.spec_from_file_location(self.full_name, self.implementation)
         module = importlib.util.module_from_spec(spec)
+        vars(module).update(attributes)
         if enter:
             self.bind(self.full_name, module)
         spec.loader.exec_module(module)

@@ -9,6 +9,7 @@ import builtins
 import dataclasses
 import itertools
 import sys
+import types
 import unittest
 from unittest import mock
 
@@ -93,6 +94,16 @@ class Imports(unittest.TestCase):
             self.assertEqual(str(caught.exception), f"{name!r} must be a submodule of the"
                              " 'tool_handlers' package of a host package")
 
+    # The names that the import found there are those that an operation looks in.
+    def test_builtins_that_are_no_dictionary(self):
+        def told(implementation):
+            host = self.enterContext(hosts.Host("proxied", implementation, load=False))
+            module = host.load(__builtins__=types.MappingProxyType(vars(builtins)))
+            del module.TOOLS
+            return hosts.outcome(module._known, "a", None)
+
+        self.assertEqual(told(hosts.MODULE), told(hosts.PLAIN))
+
     # Without an entry in sys.modules the module loads, and leaves none; nor does a failure.
     def test_loaded_by_path(self):
         host = self.enterContext(hosts.Host("by.path", load=False))
@@ -109,13 +120,20 @@ class Imports(unittest.TestCase):
         def watched(record, name):
             return 7 if name == "call_count" else object.__getattribute__(record, name)
 
+        def with_slots_of_another(record):
+            names = tuple(record.__annotations__)
+            other = type("Other", (), {"__slots__": (*(f"pad{number}" for number in range(99)), *names)})
+            return type("Own", (), {"__slots__": (), **{name: vars(other)[name] for name in names}})
+
         def told(implementation, decorate):
             with mock.patch("dataclasses.dataclass", lambda slots: decorate):
                 with hosts.Host("decorated", implementation) as host:
-                    tracker = host.tracker()
+                    host.health.time, tracker = hosts.Clock(), host.tracker()
+                    history = hosts.Database(fetchall=[("b", 1, 1, "", None, None)], fetchone=None)
                     return [hosts.outcome(run) for run in (
                         lambda: tracker.record_success("a"), lambda: tracker.get_health_summary(),
-                        lambda: tracker._state["a"].call_count)]
+                        lambda: tracker._state["a"].call_count,
+                        lambda: host.tracker(history)._state["b"].error_count)]
 
         usual = dataclasses.dataclass
         for decorate in (
@@ -123,6 +141,9 @@ class Imports(unittest.TestCase):
                 lambda record: slotted(record, __getattribute__=watched),
                 lambda record: slotted(record, __setattr__=lambda record, name, value: None),
                 lambda record: slotted(record, __new__=lambda cls, **values: None),
+                lambda record: slotted(record, __init__=lambda self, **values: setattr(
+                    self, "error_count", 7)),
+                with_slots_of_another,
                 lambda record: slotted(record, call_count=property(lambda record: 5)),
                 lambda record: type("Own", (slotted(record),), {"__init__": lambda record: None}),
                 lambda record: lambda: slotted(record)(),

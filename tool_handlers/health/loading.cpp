@@ -102,6 +102,11 @@ Ref make_state(const Scope& scope, const HealthRow& columns)
     const Ref errors = calls ? whole_or_zero(columns[2].get()) : Ref{};
     const Ref disabled_at = errors ? call_epoch(scope, columns[4]) : Ref{};
     const Ref updated_at = disabled_at ? epoch_or_zero(scope, columns[5]) : Ref{};
+    if (const RecordClass& records = import_state(scope).tool_state;
+        updated_at && records.is_original(type.get())) {
+        return records.make<6>(type.get(), {calls.get(), errors.get(), columns[3].get(), disabled_at.get(),
+                                            updated_at.get(), Py_GetConstantBorrowed(Py_CONSTANT_ZERO)});
+    }
     return updated_at ? cpython::call_named(type, std::array{Named{names::call_count, calls},
                                                              Named{names::error_count, errors},
                                                              Named{names::last_error, columns[3]},
@@ -161,9 +166,12 @@ Ref entry_usage(const Scope& scope, PyObject* entry)
     const Ref type = scope.global(names::usage_record);
     const Ref calls = type ? cpython::whole(item(entry, names::calls)) : Ref{};
     const Ref timed_calls = calls ? cpython::whole(item(entry, names::timed_calls)) : Ref{};
-    const Ref total_ms = timed_calls ? item(entry, names::total_ms) : Ref{};
-    return cpython::call(type, calls, timed_calls,
-                         total_ms ? Ref::steal(PyNumber_Float(total_ms.get())) : Ref{});
+    const Ref number = timed_calls ? item(entry, names::total_ms) : Ref{};
+    const Ref total_ms = number ? Ref::steal(PyNumber_Float(number.get())) : Ref{};
+    if (const RecordClass& records = import_state(scope).usage; total_ms && records.is_original(type.get())) {
+        return records.make<3>(type.get(), {calls.get(), timed_calls.get(), total_ms.get()});
+    }
+    return cpython::call(type, calls, timed_calls, total_ms);
 }
 
 /// Everything that the stored document counts, by usage key.

@@ -7,11 +7,29 @@ namespace health {
 using cpython::Named;
 using cpython::set_entry;
 
+namespace {
+
+/// Whether the decorator is the function that the `dataclasses` module defines, and not another in its place.
+bool is_of_standard_library(const Ref& decorator)
+{
+    if (!decorator || !PyFunction_Check(decorator.get())) {
+        return false;
+    }
+    PyObject* const its_module = PyFunction_GET_GLOBALS(decorator.get());
+    const Ref module = Ref::steal(PyImport_GetModule(names::dataclasses));
+    return module && PyModule_Check(module.get()) && PyModule_GetDict(module.get()) == its_module;
+}
+
+}  // namespace
+
 bool RecordClass::define(PyObject* globals, PyObject* name, const char* doc,
                          std::span<const FieldDefinition> fields)
 {
     const Ref dataclass = cpython::item(globals, names::dataclass);
-    const Ref decorator = cpython::call_named(dataclass, std::array{Named{names::slots, Py_True}});
+    is_standard_ = is_of_standard_library(dataclass);
+    const Ref decorator = PyErr_Occurred() == nullptr
+                              ? cpython::call_named(dataclass, std::array{Named{names::slots, Py_True}})
+                              : Ref{};
     const Ref body = decorator ? class_body(globals, name, doc) : Ref{};
     const Ref annotations = body ? Ref::steal(PyDict_New()) : Ref{};
     if (!set_entry(body, names::dunder_annotations, annotations)) {

@@ -57,7 +57,7 @@ public:
     [[nodiscard]] Ref get(PyObject* record, const Field& field) const
     {
         if (known_.is_class_of(record)) {
-            if (PyObject* const value = slot(record, field); value != nullptr) {
+            if (PyObject* const value = slot(record, field.index); value != nullptr) {
                 return Ref::borrow(value);
             }
         }
@@ -68,7 +68,7 @@ public:
     [[nodiscard]] bool set(PyObject* record, const Field& field, Ref value) const
     {
         if (known_.is_class_of(record)) {
-            return cpython::replace(slot(record, field), std::move(value));
+            return cpython::replace(slot(record, field.index), std::move(value));
         }
         // Dies here, as after the statement, and not in the caller's next line.
         const Ref stored = std::move(value);
@@ -89,15 +89,30 @@ public:
         return old && set(record, field, cpython::successor(old.get()));
     }
 
-private:
-    [[nodiscard]] PyObject*& slot(PyObject* record, const Field& field) const
+    /// Whether `type` is the class that the import made, and its `__init__` only fills the slots.
+    [[nodiscard]] bool is_original(PyObject* type) const { return is_standard_ && known_.is(type); }
+
+    /// `type(*values)` of that class, with a value for each field.
+    template <std::size_t Count>
+    [[nodiscard]] Ref make(PyObject* type, const std::array<PyObject*, Count>& values) const
     {
-        return *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(record) + offsets_[field.index]);
+        Ref record = Ref::steal(PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(type), 0));
+        for (std::size_t i = 0; record && i < Count; ++i) {
+            slot(record.get(), i) = Py_NewRef(values[i]);
+        }
+        return record;
+    }
+
+private:
+    [[nodiscard]] PyObject*& slot(PyObject* record, std::size_t index) const
+    {
+        return *reinterpret_cast<PyObject**>(reinterpret_cast<char*>(record) + offsets_[index]);
     }
 
     void learn(PyObject* type, std::span<const FieldDefinition> fields);
 
     cpython::KnownType known_;
+    bool is_standard_ = false;  // made by the standard library's own decorator
     std::array<Py_ssize_t, 6> offsets_{};
 };
 

@@ -120,10 +120,11 @@ Answer parse_original(PyObject* text, Ref& seconds)
     // Not by `timestamp`, which needs state of its module that is gone when a destructor runs at the very end.
     const Ref day = call_method(moment, names::toordinal);
     const long days = day ? PyLong_AsLong(day.get()) - day_of_1970 : 0;
-    const long hours = days * 24 + PyDateTime_DATE_GET_HOUR(moment.get());
-    const long minutes = hours * 60 + PyDateTime_DATE_GET_MINUTE(moment.get());
-    const double total = static_cast<double>(minutes) * 60 + PyDateTime_DATE_GET_SECOND(moment.get());
-    seconds = day ? Ref::steal(PyFloat_FromDouble(total)) : Ref{};
+    const long hours = (days * 24) + PyDateTime_DATE_GET_HOUR(moment.get());
+    const int minutes = PyDateTime_DATE_GET_MINUTE(moment.get());
+    const int within_hour = (minutes * 60) + PyDateTime_DATE_GET_SECOND(moment.get());
+    seconds =
+        day ? Ref::steal(PyFloat_FromDouble((static_cast<double>(hours) * 3600.0) + within_hour)) : Ref{};
     return seconds ? Answer::yes : Answer::failed;
 }
 

@@ -88,10 +88,11 @@ inline Ref first_item(Arg object) { return item(object, Py_GetConstantBorrowed(P
 /// `str(object)`
 inline Ref text_of(Arg object)
 {
-    PyObject* const text = object;
-    return text != nullptr && PyUnicode_CheckExact(text) ? Ref::borrow(text)
-           : text != nullptr                             ? Ref::steal(PyObject_Str(text))
-                                                         : Ref{};
+    PyObject* const value = object;
+    if (value != nullptr && PyUnicode_CheckExact(value)) {
+        return Ref::borrow(value);
+    }
+    return value != nullptr ? Ref::steal(PyObject_Str(value)) : Ref{};
 }
 
 /// `format(object, "")`, what an f-string makes of a value

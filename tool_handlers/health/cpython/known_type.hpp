@@ -20,13 +20,19 @@ public:
         version_ = has_tag ? type->tp_version_tag : 0;
     }
 
-    [[nodiscard]] bool is_class_of(PyObject* object) const
+    [[nodiscard]] bool is(PyObject* object) const
     {
-        return Py_TYPE(object) == type_ && type_->tp_version_tag == version_;
+        return PyType_Check(object) && is_same(reinterpret_cast<PyTypeObject*>(object));
     }
+    [[nodiscard]] bool is_class_of(PyObject* object) const { return is_same(Py_TYPE(object)); }
 
 private:
-    PyTypeObject* type_ = nullptr;  // not owned, and looked into only while an instance keeps it alive
+    [[nodiscard]] bool is_same(PyTypeObject* type) const
+    {
+        return type == type_ && type->tp_version_tag == version_;
+    }
+
+    PyTypeObject* type_ = nullptr;  // not owned, and only ever compared
     unsigned int version_ = 0;
 };
 

@@ -23,7 +23,7 @@ inline long value_of_small(PyObject* value)
 inline Answer compare_numbers(Arg left, Arg right, int operation)
 {
     const auto holds = [operation](auto one, auto other) {
-        return (operation == Py_GT ? one > other : one >= other) ? Answer::yes : Answer::no;
+        return one > other || (operation == Py_GE && one == other) ? Answer::yes : Answer::no;
     };
     PyObject* const one = left;
     PyObject* const other = right;
