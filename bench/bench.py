@@ -1,11 +1,11 @@
 """The cost of the operations beside plain Python, both measured interleaved in one process.
 
-    script/bench [--quick] [--json FILE] [--svg FILE]
+    script/bench [--quick] [--runs N] [--json FILE] [--svg FILE] [--tables FILE]
 
 Every time in the table is the median over paired rounds, and the ratio the median of the rounds'
-own ratios; the picture's summary curve takes the best of a few runs. What a round times is a loop
-as a host would write it, loop included. The file names of the modules come in HEALTH_MODULE and
-FLOOR_MODULE.
+own ratios; several runs, each in a process of its own, give the median of those and their spread.
+What a round times is a loop as a host would write it, loop included. The file names of the modules
+come in HEALTH_MODULE and FLOOR_MODULE.
 """
 
 import argparse
@@ -15,7 +15,9 @@ import json
 import os
 import platform
 import statistics
+import subprocess
 import sys
+import tempfile
 import threading
 import time
 import timeit
@@ -27,7 +29,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
 from bench import daemon  # noqa: E402  (the checkout has to be importable first)
 from bench.hosts import PLAIN, Host, ThreadCensus, Tool, typed  # noqa: E402
-from bench.plot import draw  # noqa: E402
+from bench.report import draw, tables  # noqa: E402
 
 ACTIONS = 5
 SUMMARY_SIZES = [(20, 3), (200, 10), (1000, 5)]
@@ -52,19 +54,6 @@ class NullDatabase:
 
     def executemany(self, sql, rows):
         self.rows = rows
-
-
-class TimedLock:
-    """A lock that adds up how long it was held, in nanoseconds."""
-
-    def __init__(self):
-        self.held = 0
-
-    def __enter__(self):
-        self.since = time.perf_counter_ns()
-
-    def __exit__(self, *error):
-        self.held += time.perf_counter_ns() - self.since
 
 
 class Side:
@@ -137,14 +126,6 @@ def in_threads(tracker, number, count=4):
     return (time.perf_counter() - start) / (number * count * 2)
 
 
-def held_by_flush(side):
-    """How long a flush of 1,000 rows and 5,000 usage entries holds the lock."""
-    tracker = side.filled(1000, ACTIONS)
-    tracker._lock = lock = TimedLock()
-    tracker.flush()
-    return lock.held / 1e9
-
-
 def flush_seconds(side):
     tracker = side.filled(1000, ACTIONS)
     start = time.perf_counter()
@@ -186,18 +167,23 @@ class Bench:
     def __init__(self, sides, floor, quick):
         self.plain, self.module = sides
         self.floor, self.quick = floor, quick
-        self.rows, self.per_call = [], []
+        self.rows, self.scaling = [], []
 
     def rounds(self, count):
         return 3 if self.quick else count
 
-    def add(self, name, plain, module, rounds, unit=1e9):
+    def add(self, name, plain, module, rounds):
         row = name, *paired(plain, module, self.rounds(rounds))
         self.rows.append(row)
-        scale, label = (1e9, "ns") if unit == 1e9 else (1e3, "ms")
-        print(f"{name:44} {row[1] * scale:10.1f} {row[2] * scale:10.1f} {label}  {row[3]:6.2f}",
+        scale, label = (1e9, "ns") if row[1] < 5e-6 else (1e3, "ms")
+        print(f"{name:44} {row[1] * scale:10.3g} {row[2] * scale:10.3g} {label}  {row[3]:6.2f}",
               flush=True)
-        return row
+
+    def add_scaling(self, name, one, other, rounds):
+        """How many times as long the one takes as the other."""
+        row = name, *paired(one, other, self.rounds(rounds))
+        self.scaling.append(row)
+        print(f"{name:56} {row[3]:17.2f} times the time", flush=True)
 
     def calls(self):
         number = 2_000 if self.quick else 50_000
@@ -214,7 +200,6 @@ class Bench:
         }.items():
             runs = (lambda t=t: seconds(statement, number, tracker=t) for t in trackers)
             self.add(name, *runs, 25)
-            self.per_call.append(name)
         for name, statement in {
             "thread_census_report": "report(100, census)",
             "thread_census_report, with a warning": "report(50, census)",
@@ -235,26 +220,18 @@ class Bench:
         operations = {"empty": self.floor.empty, "lock_only": self.floor.lock_only}
         floor = type("Floor", (), operations)()
         floor._lock = threading.Lock()
-
-        def healthy():
-            return seconds("tracker.is_disabled('healthy')", number, tracker=tracker)
-
-        for name, statement in (("empty operation", "floor.empty('healthy')"),
-                                ("lock-only operation", "floor.lock_only('healthy')")):
-            _, base, ratio = paired(
-                healthy, lambda: seconds(statement, number, floor=floor), self.rounds(25))
-            print(f"{'floor: ' + name:44} {'':10} {base * 1e9:10.1f} ns  "
-                  f"is_disabled (healthy) is {ratio:.2f} of it")
-            self.rows.append((f"floor: {name}", None, base, ratio))
+        for name, statement in (("does nothing", "floor.empty('healthy')"),
+                                ("only locks", "floor.lock_only('healthy')")):
+            self.add_scaling(
+                f"is_disabled, healthy tool, beside an operation that {name}",
+                lambda: seconds("tracker.is_disabled('healthy')", number, tracker=tracker),
+                lambda: seconds(statement, number, floor=floor), 25)
 
     def convoy(self, trackers, number):
         for label, tracker in zip(("plain Python", "module"), trackers):
-            many, one, ratio = paired(
-                lambda: in_threads(tracker, number), lambda: in_threads(tracker, number, 1),
-                self.rounds(9))
-            print(f"{'four threads, ' + label:44} {many * 1e9:10.1f} {one * 1e9:10.1f} ns  "
-                  f"{ratio:6.2f} of one thread's")
-            self.rows.append((f"four threads, {label}", many, one, ratio))
+            self.add_scaling(f"a call of four threads at once beside one thread's, {label}",
+                             lambda: in_threads(tracker, number),
+                             lambda: in_threads(tracker, number, 1), 9)
 
     def summaries(self):
         """Returns (tools, plain seconds, module seconds) for the picture."""
@@ -263,15 +240,13 @@ class Bench:
             self.add(f"get_health_summary, {tools:,} tools x {keys} keys",
                      *(lambda t=s.filled(tools, keys): seconds(
                          "t.get_health_summary()", number, t=t)
-                       for s in (self.plain, self.module)), 5 if tools > 200 else 15, 1e3)
+                       for s in (self.plain, self.module)), 5 if tools > 200 else 15)
         if self.quick:
             return []
         growth = [self.module.filled(tools, ACTIONS) for tools, _ in GROWTH]
-        large, small, ratio = paired(*(lambda t=t: seconds("t.get_health_summary()", 3, t=t)
-                                       for t in (growth[-1], growth[-2])), 15)
-        name = "get_health_summary, 5,000 x 5 beside 500 x 5"
-        print(f"{name:44} {large * 1e3:10.2f} {small * 1e3:10.2f} ms  {ratio:6.2f} times the time")
-        self.rows.append((name, large, small, ratio))
+        self.add_scaling("get_health_summary, 5,000 tools x 5 keys beside 500 x 5, module",
+                         *(lambda t=t: seconds("t.get_health_summary()", 3, t=t)
+                           for t in (growth[-1], growth[-2])), 15)
         plain = [self.plain.filled(tools, ACTIONS) if timed else None for tools, timed in GROWTH]
 
         def best(tracker, runs):
@@ -283,20 +258,18 @@ class Bench:
     def history(self):
         sides = self.plain, self.module
         self.add("flush, 1,000 rows and 5,000 entries",
-                 *(lambda s=s: flush_seconds(s) for s in sides), 15, 1e3)
-        self.add("  of that with the lock held",
-                 *(lambda s=s: held_by_flush(s) for s in sides), 15, 1e3)
+                 *(lambda s=s: flush_seconds(s) for s in sides), 15)
         source = NullDatabase()
         self.plain.filled(1000, ACTIONS, source).flush()
         stored = NullDatabase(source.rows, source.document)
         self.add("construction from that history",
-                 *(lambda s=s: seconds("f(db)", 1, f=s.tracker, db=stored) for s in sides), 15, 1e3)
+                 *(lambda s=s: seconds("f(db)", 1, f=s.tracker, db=stored) for s in sides), 15)
 
     def memory(self):
         plain, module = memory_of(self.plain), memory_of(self.module)
-        print(f"{'memory, 1,000 tools and 5,000 keys':44} {plain / 1024:10.0f} "
-              f"{module / 1024:10.0f} KiB {plain / module:6.2f}")
-        self.rows.append(("memory, KiB", plain / 1024, module / 1024, plain / module))
+        name = "memory of 1,000 tools and 5,000 keys beside plain Python's, module"
+        self.scaling.append((name, module, plain, module / plain))
+        print(f"{name:66} {module / plain:7.2f} ({module / 1024:,.0f} KiB)")
 
 
 def load_floor():
@@ -309,33 +282,71 @@ def load_floor():
     return module
 
 
+def measure(quick):
+    """The figures of one run, which are also printed."""
+    sides = Side("plainhost", PLAIN), Side("modulehost", None)
+    check_equal(sides)
+    print(f"{'per call':44} {'plain':>10} {'module':>10}      ratio")
+    bench = Bench(sides, load_floor(), quick)
+    bench.calls()
+    points = bench.summaries()
+    bench.history()
+    bench.memory()
+    served, late = daemon.measure(quick, bench.module.filled(1000, ACTIONS))
+    return {"rows": bench.rows, "scaling": bench.scaling, "summary": points, "served": served,
+            "late": late}
+
+
+def combine(runs):
+    """The median of the runs' figures, each row with the lowest and highest of its last one."""
+    def middle(rows, spread):
+        for same in zip(*rows):
+            name, *figures = zip(*same)
+            known = [statistics.median(it) if None not in it else None for it in figures]
+            last = [figure for figure in figures[-1] if figure is not None]
+            yield [name[0], *known, *([min(last), max(last)] if spread else [])]
+
+    return {kind: list(middle([run[kind] for run in runs], kind != "summary")) for kind in runs[0]}
+
+
 def main():
     parser = argparse.ArgumentParser(
         description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--quick", action="store_true",
                         help="few rounds: the check that both sides agree, mostly")
+    parser.add_argument("--runs", type=int, default=1, help="measure so often (%(default)s)")
     parser.add_argument("--json", type=Path, help="write the figures to this file")
-    parser.add_argument("--svg", type=Path, help="draw the picture into this file")
+    parser.add_argument("--svg", type=Path, help="draw the picture into this file, with gnuplot")
+    parser.add_argument("--tables", type=Path, help="write the tables of the figures to this file")
     options = parser.parse_args()
     if options.quick and options.svg:
         parser.error("a quick run has too few figures for the picture")
-    sides = Side("plainhost", PLAIN), Side("modulehost", None)
-    check_equal(sides)
-    python = f"{platform.python_implementation()} {platform.python_version()}"
-    print(f"{python}, {os.cpu_count()} x {platform.machine()}\n")
-    print(f"{'per call':44} {'plain':>10} {'module':>10}      ratio")
-    bench = Bench(sides, load_floor(), options.quick)
-    bench.calls()
-    points = bench.summaries()
-    bench.history()
-    bench.memory()
-    served, late = daemon.measure(options.quick, bench.module.filled(1000, ACTIONS))
+    machine = f"Python {platform.python_version()}, {os.cpu_count()} x {platform.machine()}"
+    print(f"{machine}\n")
+    if options.runs > 1:
+        runs = []
+        for number in range(options.runs):
+            print(f"run {number + 1} of {options.runs}", flush=True)
+            with tempfile.NamedTemporaryFile("r") as file:
+                quick = ["--quick"] * options.quick
+                command = [sys.executable, __file__, "--json", file.name, *quick]
+                subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+                runs.append(json.load(file))
+    else:
+        runs = [measure(options.quick)]
+    figures = combine(runs)
+    if options.runs > 1:
+        print(tables(figures))
     if options.json:
-        figures = {"rows": bench.rows, "summary": points, "daemon": served, "late": late}
-        options.json.write_text(json.dumps(figures, indent=1))
+        options.json.write_text(json.dumps(runs[0] if options.runs == 1 else figures, indent=1))
+    if options.tables:
+        options.tables.write_text(tables(figures))
     if options.svg:
-        draw(options.svg, [row for row in bench.rows if row[0] in bench.per_call], points, served)
+        draw(options.svg, figures)
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except KeyboardInterrupt:
+        sys.exit(130)

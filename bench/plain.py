@@ -12,7 +12,7 @@ import threading
 import time
 from dataclasses import dataclass
 from datetime import datetime, timezone
-from typing import TYPE_CHECKING, Any
+from typing import TYPE_CHECKING, Any  # noqa: F401  (a name of the module)
 
 from ..config import ToolsConfig
 from ..tool_registry import TOOLS
@@ -70,7 +70,9 @@ def _known(tool: str, action: str | None) -> bool:
 
 
 class ToolHealthTracker:
-    def __init__(self, repository: Repository, limits: ToolsConfig | None = None) -> None:
+    def __init__(
+        self, repository: Repository, limits: ToolsConfig | None = None  # noqa: F821
+    ) -> None:
         self._repo = repository
         self._limits = limits if limits is not None else ToolsConfig()
         self._lock = threading.Lock()

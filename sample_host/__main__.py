@@ -22,7 +22,9 @@ except ModuleNotFoundError as error:
         raise
     there = ", ".join(file.name for file in Path(__file__).parent.glob("tool_handlers/health.*.so"))
     this = f"{sys.executable} (Python {platform.python_version()})"
-    sys.exit(f"{error.name} is not built for {this}; built there is: {there or 'nothing'}.")
+    sys.exit(f"{error.name} is not built for {this}; built there is: {there or 'nothing'}.\n"
+             f"Build it: cmake --preset release -DPython_EXECUTABLE={sys.executable}, then"
+             " script/bootstrap")
 
 from .daemon.health_saver import HealthSaver
 from .daemon.mcp_server import McpServer

@@ -11,6 +11,7 @@ import signal
 import sqlite3
 import subprocess
 import sys
+import textwrap
 import time
 from collections import Counter
 from collections.abc import Iterator
@@ -100,7 +101,9 @@ def main() -> None:
         except Unexpected as error:
             log.seek(0)
             sys.exit(f"\nNot as expected: {error}\nThe server's log:\n{log.read()}")
-        except (KeyboardInterrupt, BrokenPipeError):  # nobody looks any more
+        except KeyboardInterrupt:
+            sys.exit(130)
+        except BrokenPipeError:  # nobody looks any more
             os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
 
 
@@ -125,13 +128,16 @@ def _play(directory: Path, scratch: Path, log: IO[str]) -> None:
     _ask(agent, BAD_ARGUMENTS, "search", {"action": "text"})
     _ask(agent, BAD_ARGUMENTS, "read_file", {"path": "../.."})
 
-    _print(f"\n{AGENTS} agents call while another process locks the database for {LOCKED_S} s")
+    _print(f"\n{AGENTS} agents call for {LOCKED_S} s, and again while another process locks the"
+           " database")
     with contextlib.closing(sqlite3.connect(database, isolation_level=None)) as other:
-        other.execute("BEGIN IMMEDIATE")
-        call = {"name": "search", "arguments": {"action": "files", "pattern": "README*"}}
-        took = list(agent.keep_calling(AGENTS, LOCKED_S, call))
+        for state, statement in (("free", "SELECT 1"), ("locked", "BEGIN IMMEDIATE")):
+            other.execute(statement)
+            call = {"name": "search", "arguments": {"action": "files", "pattern": "README*"}}
+            took = list(agent.keep_calling(AGENTS, LOCKED_S, call))
+            _print(f"server  database {state}: {len(took)} calls answered, the slowest after"
+                   f" {max(took) * 1000:.0f} ms")
         other.execute("ROLLBACK")
-    _print(f"server  {len(took)} calls answered, the slowest after {max(took) * 1000:.0f} ms")
 
     _print(f"\nThe disk with the repository goes away; {FAILURES} failures in a row disable a tool")
     disk.unlink()
@@ -191,11 +197,14 @@ def _ask(agent: Client, expected: tuple[bool, str], tool: str, arguments: dict[s
 
 
 def _print(*lines: str) -> None:
-    """Print lines that fit the terminal, without the control characters of a repository's files."""
-    width = shutil.get_terminal_size().columns
+    """Print lines, wrapped for the terminal, without control characters of a repository's files."""
     for line in lines:
-        shown = "".join(it if it.isprintable() or it == "\n" else "?" for it in line)
-        print(shown if len(shown) <= width else f"{shown[: width - 4]} ...", flush=True)
+        heading = line.removeprefix("\n")
+        shown = "".join(it if it.isprintable() else "?" for it in heading.expandtabs(4))
+        indent = " " * 8 if line.startswith(("agent ", "server ", " " * 8)) else ""
+        width = shutil.get_terminal_size().columns
+        wrapped = textwrap.fill(shown, width, subsequent_indent=indent)
+        print("\n" * (len(line) - len(heading)) + wrapped, flush=True)
 
 
 def _health(agent: Client) -> dict[str, dict[str, Any]]:

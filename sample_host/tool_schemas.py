@@ -56,7 +56,6 @@ INPUT_SCHEMAS: dict[str, dict[str, Any]] = {
 }
 
 
-
 def _output_schema(**types: str) -> dict[str, Any]:
     properties = {name: {"type": type_name} for name, type_name in types.items()}
     return {"type": "object", "properties": properties, "required": list(types)}

@@ -16,7 +16,7 @@ import sample_host
 from bench import hosts
 
 
-TOOLS = "bash basename cat command dirname env g++ make pwd rm sed sh".split()
+TOOLS = "bash basename cat command dirname env g++ make mkdir pwd readlink rm sed sh".split()
 GOOD = f"'{sys.executable}' \"$@\""  # the script of an interpreter that will do
 
 
@@ -75,13 +75,42 @@ class Commands(unittest.TestCase):
         self.assertIn("was made for the checkout in /an/older/place", printed)
         self.assertFalse(cache.exists())
 
+    # Whatever fails, the build or the tests, `script/test` says so by its status.
+    def test_failures_are_passed_on(self):
+        self.put("python3.13", GOOD)
+        for cmake, ctest, status in ((0, 0, 0), (1, 0, 1), (0, 8, 8)):
+            self.put("cmake", f"exit {cmake}")
+            self.put("ctest", f"exit {ctest}")
+            for words in (["test"], ["test", "release"]):
+                with self.subTest(words, cmake=cmake, ctest=ctest):
+                    self.run_script(status, *words)
+
+    def test_symbolic_link_to_a_script(self):
+        (self.path / "link").symlink_to(self.checkout / "script/bootstrap")
+        self.put("python3.13", "echo 3.12.1")
+        ended = subprocess.run([self.path / "link"], cwd=self.path, text=True, capture_output=True,
+                               env={"PATH": str(self.path)})
+        self.assertIn("python3.13 is Python 3.12.1", ended.stderr)
+
+    # An interpreter that was named once is the one that is looked at from then on.
+    def test_configured_interpreter(self):
+        cache = self.checkout / "build/release/CMakeCache.txt"
+        cache.parent.mkdir(parents=True)
+        named = self.path / "another"
+        cache.write_text(f"CMAKE_HOME_DIRECTORY:INTERNAL={self.checkout.resolve()}\n"
+                         f"Python_EXECUTABLE:FILEPATH={named}\n")
+        self.put("python3.13", GOOD)
+        self.bootstrap_fails("another is not on the PATH")
+        self.put("another", GOOD)
+        self.put("cmake", "exit 0")
+        self.run_script(0, "bootstrap")
+
     def test_help_and_wrong_words(self):
         for name in sorted({path.name for path in self.checkout.glob("script/*")} - {"lib.sh"}):
             with self.subTest(name):
                 printed, complaint = self.run_script(0, name, "--help")
                 self.assertTrue(printed.startswith(f"script/{name}") and not complaint, printed)
-                if name != "bench":  # whose words are those of the benchmark itself
-                    self.assertEqual(self.run_script(2, name, "nonsense")[0], "")
+                self.assertEqual(self.run_script(2, name, "nonsense", "nonsense")[0], "")
 
     def test_one_version(self):
         for name, words in (("CMakeLists.txt", "(health VERSION "), ("CHANGELOG.md", "## [")):

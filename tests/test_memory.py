@@ -29,7 +29,12 @@ from . import children, test_like_python
 from .worlds import ENTRY, OPERATIONS, STATISTICS, TIME, World, source
 
 TOOLS = [f"tool {number:02}" for number in range(12)]  # more than a new set or dictionary holds
-IMPORT = lambda spec: _imp.exec_dynamic(_imp.create_dynamic(spec))
+
+
+def import_again(spec):
+    _imp.exec_dynamic(_imp.create_dynamic(spec))
+
+
 CONSTRUCTION = [
     lambda tracker_class, full: tracker_class(full),
     lambda tracker_class, bad_row: tracker_class(bad_row),
@@ -39,7 +44,7 @@ FAILING_WRITES = [
     lambda tracker, break_executemany: break_executemany() or tracker.flush(),
     lambda tracker, break_execute: break_execute() or tracker.flush(),
 ]
-SWEPT = [IMPORT, *CONSTRUCTION, *FAILING_WRITES, *(
+SWEPT = [import_again, *CONSTRUCTION, *FAILING_WRITES, *(
     operation for operation in OPERATIONS  # but for those that need a database of the usual kind
     if "db" not in source(operation) and "repository" not in source(operation))]
 # What may come out besides MemoryError, and the interpreter's own words where it has no memory for
@@ -111,7 +116,7 @@ def sweep(burst):
     with BuiltinServices("swept", hosts.MODULE) as world:
         dataclasses.dataclass = plain_class
         for operation in CONSTRUCTION if burst > 1 else SWEPT:
-            if burst and operation is IMPORT:
+            if burst and operation is import_again:
                 continue  # CPython 3.13 itself crashes, in type_new after one failure
             clean, first = 0, 0
             while clean < 20:  # that many in a row: not just allocations that can be done without
@@ -125,7 +130,7 @@ def sweep(burst):
                 if operation in CONSTRUCTION:
                     gc.collect()  # looks at whatever a half-made tracker has left
                 again = attempt(operation, arguments, 1 << 30, 0)
-                if not isinstance(again, EXPECTED) :
+                if not isinstance(again, EXPECTED):
                     print(source(operation), first, "fails afterwards", repr(again))
                 first += 1
 

@@ -122,7 +122,8 @@ class Imports(unittest.TestCase):
 
         def with_slots_of_another(record):
             names = tuple(record.__annotations__)
-            other = type("Other", (), {"__slots__": (*(f"pad{number}" for number in range(99)), *names)})
+            padding = tuple(f"padding{number}" for number in range(99))
+            other = type("Other", (), {"__slots__": padding + names})
             return type("Own", (), {"__slots__": (), **{name: vars(other)[name] for name in names}})
 
         def told(implementation, decorate):

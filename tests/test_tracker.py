@@ -36,8 +36,6 @@ DISABLING = [
 ]
 
 
-
-
 class Calls(HealthCase):
     def test_disabling_and_cooldown(self):
         for settings, steps, answers, record, marked in DISABLING:

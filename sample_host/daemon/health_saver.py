@@ -11,12 +11,14 @@ from ..tool_handlers.health import ToolHealthTracker
 logger = logging.getLogger(__name__)
 
 
-# `thread` is an executor with a single thread, so that no two flushes overlap. One that fails, at a
-# locked database say, loses nothing: the tracker keeps its changes marked, and the next flush
-# writes them. `count` tells how many calls were counted so far, and `file` is named where saving
-# fails.
 class HealthSaver:
-    """Saves what the tracker counts, again and again, and once more at the end."""
+    """Saves what the tracker counts, again and again, and once more at the end.
+
+    `thread` is an executor with a single thread, so that no two flushes overlap. One that fails, at
+    a locked database say, loses nothing: the tracker keeps its changes marked, and the next flush
+    writes them. `count` tells how many calls were counted so far, and `file` is named where saving
+    fails.
+    """
 
     def __init__(self, tracker: ToolHealthTracker, thread: Executor, count: Callable[[], int],
                  file: Path) -> None:

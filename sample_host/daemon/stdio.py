@@ -60,6 +60,6 @@ class Lines:
         try:
             while (line := self._answers.get()) is not None:
                 while line:
-                    line = line[os.write(target, line) :]
+                    line = line[os.write(target, line):]
         except OSError:
             self._loop.call_soon_threadsafe(self._client_is_gone)

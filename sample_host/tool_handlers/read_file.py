@@ -17,7 +17,7 @@ def read_file(directory: Path, deadline: Deadline, *, path: str, start_line: int
     deadline.check()
     if start_line > len(lines):
         raise BadArguments(f"the file has {len(lines)} lines.")
-    asked = lines[start_line - 1 : start_line - 1 + max_lines]
+    asked = lines[start_line - 1:][:max_lines]
     lengths = accumulate(len(line) + 1 for line in asked)
     fitting = max(1, sum(1 for _ in takewhile(lambda length: length <= _MAX_CHARACTERS, lengths)))
     shown = asked[:fitting]

@@ -225,7 +225,7 @@ class ToolHealthTracker:
         disable_cooldown_s raise.
         """
 
-    def get_health_summary(self) -> list[dict[str, Any]]:
+    def get_health_summary(self) -> list[SummaryRecord]:
         """Get health summary for all tracked tools.
 
         One new dict per tool, the most errors first, then the most calls: tool_name (str),
@@ -238,7 +238,7 @@ class ToolHealthTracker:
         Raises what is_slow_call raises, and the error of a time outside the years 1 to 9999.
         """
 
-    def _usage_rows(self, tool_name: str) -> list[dict[str, Any]]:
+    def _usage_rows(self, tool_name: str) -> list[UsageRow]:
         """A tool's usage counts as ``perf_stats`` shows them, most calls first (under the lock).
 
         One new dict per action, outcome and synonym use: action (str, None for a tool without
