@@ -5,6 +5,7 @@ each report is written to the database at once.
 """
 
 import contextlib
+import importlib
 import importlib.util
 import sqlite3
 import sys
@@ -13,17 +14,19 @@ from pathlib import Path
 NAME = "sample_host.tool_handlers.health"
 
 
-def load_plain():
-    """Put the twin where the sample host looks for the module."""
-    file = Path(__file__).with_name("plain.py")
-    spec = importlib.util.spec_from_file_location(NAME, file)
+def plain():
+    """The twin, where the sample host looks for the module."""
+    spec = importlib.util.spec_from_file_location(NAME, Path(__file__).with_name("plain.py"))
     module = sys.modules[NAME] = importlib.util.module_from_spec(spec)
     spec.loader.exec_module(module)
+    importlib.import_module("sample_host.tool_handlers").health = module
 
 
-def write_through(tracker_class):
+def write_through():
     """A tracker that flushes on the thread that reports; where the database is locked, in vain."""
-    class WriteThrough(tracker_class):
+    health = importlib.import_module(NAME)
+
+    class WriteThrough(health.ToolHealthTracker):
         def _write(self):
             with contextlib.suppress(sqlite3.OperationalError):
                 self.flush()
@@ -36,14 +39,10 @@ def write_through(tracker_class):
             super().record_success(tool_name)
             self._write()
 
-    return WriteThrough
+    health.ToolHealthTracker = WriteThrough
 
 
 if __name__ == "__main__":
-    kind = sys.argv.pop(1)
-    if kind == "plain":
-        load_plain()
-    from sample_host import __main__ as daemon
-    if kind == "write_through":
-        daemon.ToolHealthTracker = write_through(daemon.ToolHealthTracker)
-    daemon.main()
+    globals()[sys.argv.pop(1)]()
+    from sample_host.__main__ import main
+    main()

@@ -6,78 +6,133 @@ import logging
 import math
 import os
 import platform
+import shutil
 import signal
 import sys
+import time
 from concurrent.futures import ThreadPoolExecutor
 from functools import partial
 from pathlib import Path
+from typing import Any
 
-from .config import GRACE_S, ToolsConfig
+from . import __version__
+from .config import GRACE_S, LAST_SAVE_S, MAX_STUCK, TIME_LIMIT_S, WORKERS, ToolsConfig
 from .repository import Repository
 
 try:
-    from .tool_handlers.health import ToolHealthTracker, handle_get_tool_performance_stats
-except ModuleNotFoundError as error:
-    if error.name != f"{__package__}.tool_handlers.health":
+    from .tool_handlers import health
+except ImportError as error:
+    if error.name != f"{__package__}.tool_handlers":
         raise
     there = ", ".join(file.name for file in Path(__file__).parent.glob("tool_handlers/health.*.so"))
     this = f"{sys.executable} (Python {platform.python_version()})"
-    sys.exit(f"{error.name} is not built for {this}; built there is: {there or 'nothing'}.\n"
+    sys.exit(f"{__package__}.tool_handlers.health is not built for {this}; built there is:"
+             f" {there or 'nothing'}.\n"
              f"Build it: cmake --preset release -DPython_EXECUTABLE={sys.executable}, then"
              " script/bootstrap")
 
 from .daemon.health_saver import HealthSaver
 from .daemon.mcp_server import McpServer
 from .daemon.stdio import Lines
-from .daemon.tool_pipeline import ToolPipeline
+from .daemon.tool_pipeline import Handler, ToolPipeline
 from .tool_handlers.read_file import read_file
-from .tool_handlers.search import search
+from .tool_handlers.search import Search
+from .tool_handlers.source_files import Sources
 from .tool_handlers.status import status
+from .utils.log import finish_log, start_log
+from .utils.workers import Workers
+
+logger = logging.getLogger(__name__)
 
 
 def main() -> None:
+    if sys.stderr is None:
+        os.open(os.devnull, os.O_WRONLY)  # lest the database get its number
+    if sys.stdin is None or sys.stdout is None:
+        sys.exit("standard input and output must be open: an MCP client speaks over them")
+    if shutil.which("rg") is None:
+        sys.exit("ripgrep (rg) is not on the PATH, and search needs it. Debian: apt-get install"
+                 " ripgrep")
     options = _parse_options()
-    # To stderr: stdout is the protocol's.
-    logging.basicConfig(format="%(levelname)s %(name)s: %(message)s")
-    sys.exit(asyncio.run(_serve(options)))
+    start_log()  # to standard error: standard output is the protocol's
+    try:
+        status = asyncio.run(_serve(options))
+    except (ValueError, TypeError, OverflowError) as error:
+        logger.error("%s holds what is no history of tools: %s", options.db, error)
+        status = 1
+    finish_log(1)
+    os._exit(status)  # whatever threads are stuck in
 
 
 async def _serve(options: argparse.Namespace) -> int:
     """Serve until the input ends or a signal comes; then save. Answers the exit status."""
     loop, the_end = asyncio.get_running_loop(), asyncio.Event()
-    for number in (signal.SIGTERM, signal.SIGINT):
-        signal.signal(number, lambda number, frame: loop.call_soon_threadsafe(the_end.set))
+    reasons: list[str | OSError] = []  # why it is to end, if not for the end of input
+
+    def end(reason: str | OSError) -> None:
+        reasons.append(reason)
+        the_end.set()
+
+    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        loop.add_signal_handler(number, end, signal.Signals(number).name)
     database = ThreadPoolExecutor(1, "database")  # for all that waits for it: history and saves
     repository = Repository(options.repo, options.db)
     settings = ToolsConfig(options.disable_after_errors, options.cooldown_s)
-    tracker = await loop.run_in_executor(database, ToolHealthTracker, repository, settings)
-    sources = repository.directory
+    health.logger.addFilter(partial(_say_what_follows, options.db))
+    tracker = await loop.run_in_executor(
+        database, health.ToolHealthTracker, repository, settings)
+    started, sources = time.monotonic(), Sources(repository.directory)
+    workers, quick = Workers("worker", WORKERS), Workers("status", 1)
+
+    def server_status() -> dict[str, Any]:
+        error = saver.last_error
+        return {"version": __version__, "uptime_s": round(time.monotonic() - started, 1),
+                "database": str(options.db), "stuck_threads": workers.stuck + quick.stuck,
+                "last_save_error": error and (str(error) or repr(error))}
+
     pipeline = ToolPipeline(
         tracker,
-        {"search": partial(search, sources), "read_file": partial(read_file, sources)},
-        {"status": partial(status, tracker),
-         "get_tool_performance_stats": handle_get_tool_performance_stats},
-    )
+        {"search": Search(sources, workers),
+         "read_file": _in_thread(workers, partial(read_file, sources)),
+         "status": _in_thread(quick, lambda: status(tracker, server_status())),
+         "get_tool_performance_stats": _in_thread(
+             quick, health.handle_get_tool_performance_stats)},
+        {"status": "quick", "get_tool_performance_stats": "quick"},
+        lambda: workers.stuck + quick.stuck >= MAX_STUCK)
     saver = HealthSaver(tracker, database, lambda: pipeline.counted, options.db)
     saving = asyncio.create_task(saver.run(options.flush_every))
-    lines = Lines(sys.stdin.fileno(), sys.stdout.fileno(), the_end.set)
+    lines = Lines(sys.stdin.fileno(), sys.stdout.fileno(), end)
     server = McpServer(pipeline, lines.answer)
     serving = asyncio.create_task(_receive_all(lines, server, the_end))
     await the_end.wait()
     serving.cancel()
-    await server.finish(GRACE_S)
+    await server.finish(GRACE_S if reasons else TIME_LIMIT_S + 1)
     saving.cancel()
-    is_saved = await saver.save_at_the_end()
+    is_saved = await saver.save_at_the_end(LAST_SAVE_S)
     lines.close(GRACE_S)
-    for number in (signal.SIGTERM, signal.SIGINT):
-        signal.signal(number, signal.SIG_IGN)  # nothing is left that one could end
-    return 0 if is_saved else 1
+    gone = [reason for reason in reasons if isinstance(reason, OSError)]
+    if gone:
+        logger.error("The client can not be answered: %s", gone[0])
+    return 0 if is_saved and not gone else 1
 
 
 async def _receive_all(lines: Lines, server: McpServer, the_end: asyncio.Event) -> None:
     async for line in lines:
         server.receive(line)
     the_end.set()
+
+
+def _in_thread(workers: Workers, function: Any) -> Handler:
+    async def handle(until: float, **parameters: Any) -> tuple[Any, float, bool]:
+        content, seconds = await workers.run(partial(function, **parameters), until)
+        return content, seconds, False
+    return handle
+
+
+def _say_what_follows(file: Path, record: logging.LogRecord) -> bool:
+    name = str(file).replace("%", "%%")
+    record.msg += f" (in {name}; counting from zero, and the next save replaces what is there)"
+    return True
 
 
 def _parse_options() -> argparse.Namespace:

@@ -2,12 +2,14 @@
 
 from dataclasses import dataclass
 
-WORKERS = 4  # threads that run the tools' handlers
+WORKERS = 4  # threads that run the tools' handlers, and searches that may run at once
 MAX_QUEUED = 64  # calls that may wait for one of them; the next one is told that the server is busy
-TIME_LIMIT_S = 5.0  # the longest that a handler may run
-GRACE_S = 2.0  # what running calls are given to end when the server is to end
-# The event loop, standard input and output, the workers, the status tools, the database.
-THREAD_BUDGET = 1 + 2 + WORKERS + 1 + 1
+MAX_STUCK = 16  # threads that may be stuck in a handler before no further one is started
+TIME_LIMIT_S = 5.0  # from a call's arrival to its answer
+GRACE_S = 2.0  # what running calls are given to end after a signal
+LAST_SAVE_S = 3.0  # and the last save, after that
+# The event loop, standard input and output, the log, the workers, the status tools, the database.
+THREAD_BUDGET = 1 + 2 + 1 + WORKERS + 1 + 1
 
 
 # The ``tools`` section. The tracker reads both at every use: a change takes effect at the next

@@ -7,7 +7,7 @@ from contextlib import closing, contextmanager
 from pathlib import Path
 from typing import Any
 
-BUSY_TIMEOUT_S = 5.0  # how long a call waits for another writer before it raises
+BUSY_TIMEOUT_S = 2.0  # how long a call waits for another writer before it raises
 
 # STRICT, so that no column can hold what the tracker could not read back.
 _SCHEMA = (

@@ -30,7 +30,8 @@ _TOOLS = (
         "Search the repository: action 'text' finds the lines that contain a text (case matters"
         " unless it is all lower case), action 'files' the files whose path matches a glob (one"
         " without a slash is matched in every directory). Left out are .git, .venv, node_modules,"
-        " __pycache__ and symbolic links, and for 'text' binary files and files over 4 MiB.",
+        " __pycache__, symbolic links and special files, and for 'text' binary files and files over"
+        " 4 MiB. A search that takes too long answers with what it has found, and says so.",
         (Action("text", slow=True), Action("files")),
     ),
     Tool("read_file", "Read a file", "Read lines of one of the text files, at most 4 MiB large."),

@@ -44,6 +44,7 @@ INPUT_SCHEMAS: dict[str, dict[str, Any]] = {
         action={"type": "string", "enum": [action.name for action in TOOLS["search"].actions]},
         pattern=_text("A plain text (text) or a glob (files).", max_length=1000),
         max_results=_count("Lines or files to answer with at most.", maximum=500, default=50),
+        glob=_text("Only for text: search just the files that match this glob.", max_length=1000),
     ),
     "read_file": _input_schema(
         ("path",),
@@ -63,12 +64,13 @@ def _output_schema(**types: str) -> dict[str, Any]:
 
 # The tools that answer with data: what the health module returns (health.pyi has its types).
 OUTPUT_SCHEMAS: dict[str, dict[str, Any]] = {
-    "status": _output_schema(perf_stats="array", has_unsaved_changes="boolean", threads="object"),
+    "status": _output_schema(server="object", perf_stats="array", has_unsaved_changes="boolean",
+                             threads="object"),
     "get_tool_performance_stats": _output_schema(tools="array"),
 }
 
 PARAMETER_SYNONYMS = {
-    **{"query": "pattern", "text": "pattern", "glob": "pattern"},
+    **{"query": "pattern", "text": "pattern"},
     **{"file": "path", "file_path": "path", "filename": "path"},
     **{"mode": "action", "limit": "max_results", "offset": "start_line"},
 }
@@ -104,6 +106,8 @@ def resolve_call(tool: str, arguments: dict[str, Any]) -> ResolvedCall:
             alias_hit |= action != value
             value = action
         given[parameter] = _checked(parameter, value, properties[parameter])
+    if "glob" in given and given.get("action") == "files":
+        raise BadArguments("glob goes with action text; with files the pattern is a glob.")
     for parameter in schema["required"]:
         if parameter not in given:
             raise BadArguments(f"{tool} needs {parameter}.")

@@ -7,6 +7,7 @@ import ast
 import asyncio
 import inspect
 import json
+import logging
 import os
 import re
 import shutil
@@ -37,6 +38,7 @@ def blocks(document, language):
 
 def follow(document, package):
     guide = types.SimpleNamespace()
+    logging.disable(logging.WARNING)  # of the tool that it lets fail
     exec("\n".join(blocks(document, "python")).replace("myhost", package), vars(guide))
     name = f"{package}.tool_handlers.health"
     assert sys.modules[name].logger.name == name

@@ -16,7 +16,7 @@ import sample_host
 from bench import hosts
 
 
-TOOLS = "bash basename cat command dirname env g++ make mkdir pwd readlink rm sed sh".split()
+TOOLS = "bash basename cat command dirname env g++ make mkdir pwd readlink rg rm sed sh".split()
 GOOD = f"'{sys.executable}' \"$@\""  # the script of an interpreter that will do
 
 
@@ -66,6 +66,8 @@ class Commands(unittest.TestCase):
         self.bootstrap_fails("The packages of this distribution have no python3.13")
         self.put("apt-cache", "true")
         self.bootstrap_fails("asked: install -y", " python3.13 python3.13-dev\n", "As root")
+        (self.path / "rg").unlink()
+        self.bootstrap_fails(" ripgrep python3.13 python3.13-dev\n")
 
     def test_moved_checkout(self):
         cache = self.checkout / "build/release/CMakeCache.txt"

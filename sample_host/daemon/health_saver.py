@@ -27,32 +27,37 @@ class HealthSaver:
         self._count = count
         self._file = file
         self._saved = 0  # of the calls that were counted
+        self.last_error: Exception | None = None
 
     async def run(self, every_s: float) -> None:
         """Save every so many seconds, until the task is cancelled."""
-        told = ""  # the error that was logged last, so that it is not logged every few seconds
         while True:
             await asyncio.sleep(every_s)
-            if not self._tracker.has_unsaved_changes:
-                continue
-            if (error := await self._save()) and error != told:
-                logger.warning("Could not save to %s what stays to be saved: %s", self._file, error)
-            told = error
+            if self._tracker.has_unsaved_changes:
+                told, error = self.last_error, await self.save()
+                if error is not None and repr(error) != repr(told):  # not again every few seconds
+                    logger.warning("Could not save to %s what stays to be saved: %s",
+                                   self._file, error)
 
-    async def save_at_the_end(self) -> bool:
+    async def save_at_the_end(self, limit_s: float | None = None) -> bool:
         """Save once more, after a save that is still running; false when what is left is lost."""
-        if error := await self._save():
+        try:
+            error = await asyncio.wait_for(self.save(), limit_s)
+        except TimeoutError:
+            error = TimeoutError(f"no answer in {limit_s} s")
+        if error is not None:
             lost = self._count() - self._saved
             logger.error("The counts of the last %d calls are lost, not saved to %s: %s",
-                         lost, self._file, error)
-        return not error
+                         lost, self._file, str(error) or repr(error))
+        return error is None
 
-    async def _save(self) -> str:
-        """Save what changed: the error's text, or an empty one."""
+    async def save(self) -> Exception | None:
+        """Save what changed: the error, if there is one."""
         counted = self._count()
         try:
             await asyncio.get_running_loop().run_in_executor(self._thread, self._tracker.flush)
         except Exception as error:
-            return str(error)
-        self._saved = counted
-        return ""
+            self.last_error = error
+        else:
+            self._saved, self.last_error = counted, None
+        return self.last_error

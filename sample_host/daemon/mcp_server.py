@@ -14,8 +14,7 @@ from ..utils.text import valid_unicode
 from .stdio import MAX_LINE_BYTES
 from .tool_pipeline import Outcome, ToolPipeline
 
-BATCH_VERSION = "2025-03-26"  # the one in which a line may be an array of messages
-PROTOCOL_VERSIONS = ("2024-11-05", BATCH_VERSION, "2025-06-18", "2025-11-25")
+PROTOCOL_VERSIONS = ("2024-11-05", "2025-06-18", "2025-11-25")
 ANNOTATIONS = {"readOnlyHint": True, "idempotentHint": True, "openWorldHint": False}
 
 PARSE_ERROR, INVALID_REQUEST, METHOD_NOT_FOUND = -32700, -32600, -32601
@@ -40,7 +39,8 @@ class McpServer:
     def __init__(self, pipeline: ToolPipeline, answer: Callable[[bytes], None]) -> None:
         self._pipeline = pipeline
         self._write = answer
-        self._version = PROTOCOL_VERSIONS[-1]
+        self._is_initialized = False
+        self._is_ending = False
         self._tasks: set[asyncio.Task[None]] = set()
         # The running calls by their ids, under which a client can cancel them.
         self._calls: dict[str | int, asyncio.Task[Any]] = {}
@@ -56,32 +56,29 @@ class McpServer:
         task.add_done_callback(self._tasks.discard)
 
     async def finish(self, grace_s: float) -> None:
-        """Give what is running a moment to end, then cancel it."""
+        """Give what is running so long to end, then cancel it, which is answered with an error."""
         if self._tasks:
             await asyncio.wait(self._tasks, timeout=grace_s)
+        self._is_ending = True
         for call in self._calls.values():
             call.cancel()
-        await asyncio.gather(*self._tasks)
+        if self._tasks:
+            await asyncio.wait(self._tasks, timeout=grace_s)
 
     async def _take(self, line: bytes) -> None:
-        answers: list[Message | None] = []
-        is_batch = False
+        answer: Message | None = None
         if len(line) > MAX_LINE_BYTES:
             too_long = f"a line may be at most {MAX_LINE_BYTES} bytes long"
-            answers = [_error(None, INVALID_REQUEST, too_long)]
+            answer = _error(None, INVALID_REQUEST, too_long)
         elif line.strip():
             try:
                 message: Any = json.loads(line.decode(), parse_constant=_refuse_constant)
             except (ValueError, RecursionError) as error:
-                answers = [_error(None, PARSE_ERROR, f"not a JSON text: {error}")]
+                answer = _error(None, PARSE_ERROR, f"not a JSON text: {error}")
             else:
-                batch = cast("list[Any]", message) if isinstance(message, list) else []
-                is_batch = bool(batch) and self._version == BATCH_VERSION
-                messages: list[Any] = batch if is_batch else [message]
-                answers = await asyncio.gather(*map(self._answer, messages))
-        told = [answer for answer in answers if answer is not None]
-        if told:
-            self._write(json.dumps(told if is_batch else told[0]).encode())
+                answer = await self._answer(message)
+        if answer is not None:
+            self._write(json.dumps(answer).encode())
 
     async def _answer(self, received: Any) -> Message | None:
         """The answer to one message, or None when there is to be none."""
@@ -90,9 +87,11 @@ class McpServer:
         message = cast(Message, received)
         if "method" not in message and ("result" in message or "error" in message):
             return None  # an answer, though this server never asks
-        request_id: Any = message.get("id")
+        request_id = _integer_if_whole(message.get("id"))
         if "id" in message and type(request_id) not in (str, int):
             return _error(None, INVALID_REQUEST, "the id must be a string or an integer")
+        if request_id in self._calls:  # under that id the client expects another answer
+            return _error(None, INVALID_REQUEST, "a call with this id is running")
         try:
             method: Any = message.get("method")
             params: Any = message.get("params", {})
@@ -114,26 +113,32 @@ class McpServer:
         except ProtocolError as error:
             return _error(request_id, error.code, str(error))
         except asyncio.CancelledError:
-            return None  # its client wants no answer
+            if not self._is_ending:
+                return None  # its client wants no answer
+            return _error(request_id, INTERNAL_ERROR, "the server ends")
         except Exception as error:
             logger.exception("Could not answer a request")
             return _error(request_id, INTERNAL_ERROR, f"internal error: {type(error).__name__}")
 
     def _take_notification(self, method: str, params: Any) -> None:
-        asked: Any = cast(Message, params).get("requestId") if isinstance(params, dict) else None
+        given = cast(Message, params) if isinstance(params, dict) else {}
+        asked = _integer_if_whole(given.get("requestId"))
         if method == "notifications/cancelled" and type(asked) in (str, int):
-            if (call := self._calls.get(asked)) is not None:
+            if (call := self._calls.pop(asked, None)) is not None:
                 call.cancel()
 
     def _initialize(self, params: Message) -> Message:
         asked = params.get("protocolVersion")
         if not isinstance(asked, str):
             raise ProtocolError(INVALID_PARAMS, "protocolVersion must be a string")
+        if self._is_initialized:
+            raise ProtocolError(INVALID_REQUEST, "initialized already")
+        self._is_initialized = True
         # Versions are dates: the newest that the client may know is the newest up to the one asked.
         known = [version for version in PROTOCOL_VERSIONS if version <= asked]
-        self._version = max(known, default=PROTOCOL_VERSIONS[-1])
+        version = max(known, default=PROTOCOL_VERSIONS[-1])
         info = {"name": "sample_host", "version": __version__}
-        return {"protocolVersion": self._version, "capabilities": {"tools": {}}, "serverInfo": info}
+        return {"protocolVersion": version, "capabilities": {"tools": {}}, "serverInfo": info}
 
     def _list_tools(self, params: Message) -> Message:
         if params.get("cursor") is not None:
@@ -155,20 +160,25 @@ class McpServer:
         tool = TOOLS.get(name)
         if tool is None:
             raise ProtocolError(INVALID_PARAMS, f"Unknown tool: {short_repr(name)}")
-        if request_id in self._calls:
-            raise ProtocolError(INVALID_REQUEST, "a call with this id is running")
-        self._calls[request_id] = cast("asyncio.Task[Any]", asyncio.current_task())
+        task = self._calls[request_id] = cast("asyncio.Task[Any]", asyncio.current_task())
         try:
             outcome, content = await self._pipeline.call(tool.name, cast(Message, arguments))
         finally:
-            del self._calls[request_id]
+            if self._calls.get(request_id) is task:  # the id may be another call's by now
+                del self._calls[request_id]
         text = valid_unicode(content if isinstance(content, str) else json.dumps(content))
-        answer = {"content": [{"type": "text", "text": text}], "isError": outcome is not Outcome.OK}
+        failed = outcome not in (Outcome.OK, Outcome.CUT_SHORT)
+        answer = {"content": [{"type": "text", "text": text}], "isError": failed}
         return answer if isinstance(content, str) else {**answer, "structuredContent": content}
 
 
 def _error(request_id: str | int | None, code: int, message: str) -> Message:
     return {"jsonrpc": "2.0", "id": request_id, "error": {"code": code, "message": message}}
+
+
+def _integer_if_whole(number: Any) -> Any:
+    """7 for 7.0, which are one number to JSON."""
+    return int(number) if isinstance(number, float) and number.is_integer() else number
 
 
 def _refuse_constant(name: str) -> None:

@@ -1,9 +1,14 @@
 """After a cooldown one call goes first."""
 
+import logging
+import time
 from collections.abc import Generator
 from contextlib import contextmanager
+from datetime import datetime, timezone
 
 from ..tool_handlers.health import ToolHealthTracker
+
+logger = logging.getLogger(__name__)
 
 
 class Refused(Exception):
@@ -23,8 +28,12 @@ class Recovery:
 
     def __init__(self, tracker: ToolHealthTracker) -> None:
         self._tracker = tracker
-        records = tracker.get_health_summary()  # the history may hold disabled tools
-        self._failing = {record["tool_name"] for record in records if record["disabled"]}
+        # The tools that are disabled, and since when; the history may hold some.
+        self._since = {
+            it["tool_name"]: datetime.fromisoformat(it["disabled_at"])
+            .replace(tzinfo=timezone.utc).timestamp()
+            for it in tracker.get_health_summary() if it["disabled_at"] is not None}
+        self._failing = set(self._since)  # those that no call has succeeded with since
         self._probed: set[str] = set()  # of those, the ones that a call is trying now
 
     @contextmanager
@@ -32,10 +41,12 @@ class Recovery:
         """A block that is the call. Raises Refused for one that is not let in."""
         disabled, last_error = self._tracker.is_disabled(tool)
         if disabled:
+            left_s = self._since.get(tool, time.time()) + self._tracker.cooldown_s - time.time()
             raise Refused(
                 f"{tool} is disabled because it kept failing; its last error was:"
                 f" {last_error or 'unknown'}. Calling it again now is useless: every call is"
-                f" refused until it is tried again, in {self._tracker.cooldown_s:g} s at most.")
+                f" refused until it is tried again, in {max(left_s, 0):.0f} s.")
+        self._since.pop(tool, None)
         if tool in self._probed:
             raise Refused(f"{tool} kept failing, and another call is trying it now. Ask later.")
         admission = Admission()
@@ -49,5 +60,16 @@ class Recovery:
                 self._probed.discard(tool)
                 if admission.succeeded:
                     self._failing.discard(tool)
-            if self._tracker.is_disabled(tool)[0]:
-                self._failing.add(tool)
+                    logger.warning("%s is enabled: a call of it has succeeded", tool)
+            self._look(tool)
+
+    def _look(self, tool: str) -> None:
+        disabled, error = self._tracker.is_disabled(tool)
+        if disabled:
+            if tool not in self._since:
+                ends_at = time.localtime(time.time() + self._tracker.cooldown_s)
+                logger.warning("%s is disabled after %d failures in a row, until %s: %s", tool,
+                               self._tracker.limits.disable_after_errors,
+                               time.strftime("%H:%M:%S", ends_at), error)
+            self._since[tool] = time.time()
+            self._failing.add(tool)

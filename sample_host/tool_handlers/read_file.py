@@ -1,20 +1,16 @@
 """The ``read_file`` tool."""
 
 from itertools import accumulate, takewhile
-from pathlib import Path
 
 from ..tool_schemas import BadArguments
-from ..utils.deadline import Deadline
-from .source_files import find_file, open_directory, read_lines
+from .source_files import Sources
 
 _MAX_CHARACTERS = 100_000
 
 
-def read_file(directory: Path, deadline: Deadline, *, path: str, start_line: int,
-              max_lines: int) -> str:
-    """The lines asked for, as many as fit; then which, where that is not the file's end."""
-    lines = read_lines(find_file(open_directory(directory), path))
-    deadline.check()
+def read_file(sources: Sources, *, path: str, start_line: int, max_lines: int) -> str:
+    """The lines asked for, as many as fit; then which, where that is not the file's end. Blocks."""
+    lines = sources.read_lines(path)
     if start_line > len(lines):
         raise BadArguments(f"the file has {len(lines)} lines.")
     asked = lines[start_line - 1:][:max_lines]

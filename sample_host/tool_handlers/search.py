@@ -1,76 +1,117 @@
-"""The ``search`` tool."""
+"""The ``search`` tool: ripgrep as a child of the event loop."""
 
-from collections import Counter
-from collections.abc import Iterator
-from fnmatch import fnmatchcase
-from pathlib import Path
+import asyncio
+import base64
+import contextlib
+import json
+import os
+import time
+from asyncio.subprocess import DEVNULL, PIPE, Process
+from collections.abc import AsyncIterator
+from typing import Any
 
-from ..utils.deadline import Deadline, Stopped
-from .source_files import Unreadable, open_directory, read_lines, walk_files
+from ..config import TIME_LIMIT_S, WORKERS
+from ..utils.workers import Workers
+from .source_files import MAX_FILE_BYTES, Sources
 
+SKIPPED_DIRECTORIES = (".git", ".venv", "node_modules", "__pycache__")
 _SHOWN_CHARACTERS = 200
-_BLOCK_LINES = 1000  # so many are searched between two looks at the deadline
+_LONGEST = 8 * MAX_FILE_BYTES  # of ripgrep's lines: one of a file, as JSON
+_EVERYWHERE = ["--no-config", "--no-messages", "--no-ignore", "--hidden", "--sort=path",
+               *(f"--glob=!{name}" for name in SKIPPED_DIRECTORIES)]
 
 
-def search(directory: Path, deadline: Deadline, *, action: str, pattern: str,
-           max_results: int) -> str:
-    """The matches, one a line; then what ended the search early, and what was not searched."""
-    root = open_directory(directory)
-    skipped: Counter[str] = Counter()
-    matching = _matching_lines if action == "text" else _matching_files
-    found: list[str] = []
-    remarks: list[str] = []
-    try:
-        for match in matching(root, pattern, deadline, skipped):
-            if len(found) == max_results:
-                remarks.append(f"(more than {max_results} matches; narrow the pattern)")
-                break
-            found.append(match)
-    except Stopped as stopped:  # the repository is large, or the disk slow
-        remarks.append(f"({stopped}; name fewer files or narrow the pattern)")
-    if skipped:
-        kinds = ", ".join(f"{count} x {kind}" for kind, count in sorted(skipped.items()))
-        remarks.append(f"(not searched: {kinds})")
-    return "\n".join([*(found or ["(no match)"]), *remarks])
+class Search:
+    """Searches, so many at once. The time limit is real: a child that exceeds it is killed."""
 
+    def __init__(self, sources: Sources, workers: Workers) -> None:
+        self._sources = sources
+        self._workers = workers  # opens the directory, which may block
+        self._free = asyncio.Semaphore(WORKERS)
 
-def _matching_lines(root: Path, text: str, deadline: Deadline,
-                    skipped: Counter[str]) -> Iterator[str]:
-    ignores_case = text == text.lower()
-    for file in walk_files(root, skipped):
-        deadline.check()
+    async def __call__(self, until: float, *, action: str, pattern: str, max_results: int,
+                       glob: str = "") -> tuple[str, float, bool]:
+        """The matches, one a line, then what ended the search early; the seconds that it took; and
+        whether it was cut short. `until` is a time of the loop; TimeoutError if it never began.
+        """
+        async with asyncio.timeout_at(until):
+            await self._free.acquire()
         try:
-            lines = read_lines(file)
-        except Unreadable as error:
-            skipped[str(error)] += 1
-            continue
-        for number, line in enumerate(lines, start=1):
-            if number % _BLOCK_LINES == 0:
-                deadline.check()
-            if text in (line.lower() if ignores_case else line):
-                yield f"{file.relative_to(root)}:{number}: {line.strip()[:_SHOWN_CHARACTERS]}"
+            root, _ = await self._workers.run(self._sources.open, until)
+            started = time.perf_counter()
+            try:
+                found, remark, is_cut = await _collect(
+                    _arguments(action, pattern, glob), root, until, max_results)
+            finally:
+                os.close(root)
+        finally:
+            self._free.release()
+        lines = [*(found or ["(no match)"]), *remark]
+        return "\n".join(lines), time.perf_counter() - started, is_cut
 
 
-def _matching_files(root: Path, pattern: str, deadline: Deadline,
-                    skipped: Counter[str]) -> Iterator[str]:
-    wanted = pattern.split("/") if "/" in pattern else ["**", pattern]
-    for file in walk_files(root, skipped):
-        deadline.check()
-        path = file.relative_to(root)
-        if _matches(path.parts, wanted):
-            yield str(path)
+def _arguments(action: str, pattern: str, glob: str) -> list[str]:
+    if action == "files":
+        return ["--files", "--null", _only(pattern), *_EVERYWHERE, "--", "."]
+    only = [_only(glob)] if glob else []
+    return [*only, *_EVERYWHERE, "--json", "--fixed-strings", "--smart-case",
+            f"--max-filesize={MAX_FILE_BYTES}", "-e", pattern, "--", "."]
 
 
-# Whether a path matches a glob, part by part; ** stands for any number of directories. In steps
-# that are counted beforehand, unlike a regular expression for the whole.
-def _matches(parts: tuple[str, ...], wanted: list[str]) -> bool:
-    reached: set[int] = {0}
-    for pattern in wanted:
-        if not reached:
-            return False
-        if pattern == "**":
-            reached = {*range(min(reached), len(parts) + 1)}
-        else:
-            here = {at for at in reached if at < len(parts) and fnmatchcase(parts[at], pattern)}
-            reached = {at + 1 for at in here}
-    return len(parts) in reached
+def _only(glob: str) -> str:
+    return "--glob=" + ("\\" if glob.startswith("!") else "") + glob
+
+
+async def _collect(arguments: list[str], root: int, until: float,
+                   most: int) -> tuple[list[str], list[str], bool]:
+    """The matches; a remark on what is missing; and whether time was up."""
+    found: list[str] = []
+    # The descriptor, not the path, which may lead to another directory by now.
+    child = await asyncio.create_subprocess_exec(
+        "rg", *arguments, cwd=f"/proc/self/fd/{root}", stdin=DEVNULL, stdout=PIPE, stderr=DEVNULL,
+        limit=_LONGEST)
+    try:
+        async with asyncio.timeout_at(until):
+            async for match in _matches(child, "--json" in arguments):
+                if len(found) == most:
+                    return found, [f"(more than {most} matches; narrow the pattern)"], False
+                found.append(match)
+    except TimeoutError:
+        where = f"after {found[-1].partition(': ')[0]}" if found else "before the first match"
+        return found, [f"(stopped after {TIME_LIMIT_S:g} s, {where}; narrow the pattern)"], True
+    finally:
+        with contextlib.suppress(ProcessLookupError):
+            child.kill()
+        with contextlib.suppress(TimeoutError):  # a dead mount may hold even that up
+            await asyncio.wait_for(child.wait(), 1)
+    return found, [], False
+
+
+async def _matches(child: Process, is_json: bool) -> AsyncIterator[str]:
+    assert child.stdout is not None
+    with contextlib.suppress(asyncio.IncompleteReadError):  # the end
+        while True:
+            line = await child.stdout.readuntil(b"\n" if is_json else b"\0")
+            if not is_json:
+                yield _shown(line[:-1].removeprefix(b"./"))
+            elif (event := json.loads(line))["type"] == "match":
+                yield _matching_line(event["data"])
+
+
+def _matching_line(match: dict[str, Any]) -> str:
+    line, path = _bytes(match["lines"]), _shown(_bytes(match["path"]).removeprefix(b"./"))
+    hit = match["submatches"][0]["start"]
+    start = max(0, hit - _SHOWN_CHARACTERS // 2) if len(line) > _SHOWN_CHARACTERS else 0
+    text = line[start:].decode("utf-8", "replace").strip()[:_SHOWN_CHARACTERS]
+    return f"{path}:{match['line_number']}: {text}"
+
+
+def _bytes(text: dict[str, str]) -> bytes:
+    """What ripgrep says as text, or in base64 where that is not UTF-8."""
+    return text["text"].encode() if "text" in text else base64.b64decode(text["bytes"])
+
+
+def _shown(name: bytes) -> str:
+    """A file's name on one line, whatever is in it."""
+    text = name.decode("utf-8", "replace")
+    return "".join(it if it.isprintable() else it.encode("unicode_escape").decode() for it in text)

@@ -1,0 +1,174 @@
+# The sample host's conversation: what it is sent and answers, and how a conversation ends.
+# For example, an array of messages is one error, whatever is in it:
+#     client.send(b'[{"jsonrpc": "2.0", "id": 7, "method": "ping"}]')    # -32600, without an id
+
+import json
+import os
+import select
+import signal
+import subprocess
+import sys
+import time
+
+from .servers import FILES, SLOW, ServerCase, call, eventually, message, reading, request
+
+
+class Protocol(ServerCase):
+    def test_bad_lines_are_answered_and_survived(self):
+        ping, note = request(), message(method="notifications/cancelled", params=[5])
+        table = {
+            (None, -32700): [b"{", b"[" * 99_999, ping.replace(b"7", b"NaN"), b"\xff"],
+            (None, -32600): [b"5", b"{}", b"[]", b"[%s]" % ping, note.ljust((1 << 20) + 1)]
+            + [ping.ljust(3 << 20), *(request(id=bad) for bad in (None, True, 1.5, [], {}))],
+            (7, -32600): [ping.replace(b"2.0", b"1.0"), message(id=7), request(["ping"])]
+            + [request(params=bad) for bad in (None, 5, "x", True)],
+            (7, -32601): [request("tools/\ud800")],
+            (7, -32602): [request("initialize"), request("tools/list", params={"cursor": "2"})]
+            + [request(params=[]), *(call("status", bad) for bad in (None, 5, [], "x"))]
+            + [call(bad, {}) for bad in (None, 5, [], "", "rm", "\ud800")],
+            (7, None): [request(id=7.0)],
+            None: [b" ", note.ljust(1 << 20), message(id=7, result={}), message(id=7, error={})]
+            + [message(method="ping"), note.replace(b"[5]", b'{"requestId": []}')],
+        }
+        client = self.start()
+        for error, lines in table.items():
+            for line in lines:
+                with self.subTest(line[:80]):
+                    client.send(line + b"\n" + request(id="next"))
+                    answers = []
+                    while (answer := client.receive())["id"] != "next":
+                        answers.append((answer["id"], answer.get("error", {}).get("code")))
+                    self.assertEqual(answers, [error] if error else [])
+        self.assertEqual((client.close(), self.log.read_text()), (0, ""))
+
+    def test_versions(self):
+        for asked, version in (("2025-06-18", "2025-06-18"), ("2026-01-01", "2025-11-25"),
+                               ("2023-01-01", "2025-11-25"), ("2025-03-26", "2024-11-05")):
+            with self.subTest(asked):
+                client = self.start()
+                for expected in (version, None):  # once
+                    client.send(request("initialize", params={"protocolVersion": asked}))
+                    answer = client.receive().get("result", {})
+                    self.assertEqual(answer.get("protocolVersion"), expected)
+
+    def test_tools_and_their_data(self):
+        client = self.start()
+        for tool in client.request("tools/list", {})["tools"]:
+            arguments = {"search": FILES, "read_file": {"path": "src/a.py"}}.get(tool["name"], {})
+            with self.subTest(tool["name"]):
+                client.send(call(tool["name"], arguments))  # the same id again is no obstacle
+                result = client.receive()["result"]
+                promised = tool.get("outputSchema", {"required": ()})["required"]
+                self.assertEqual(set(result.get("structuredContent", ())), set(promised))
+
+    def test_ids(self):
+        """One in use is refused without an answer under it, and is free after a cancellation."""
+        client = self.start()
+        for _ in range(2):
+            client.send(call("read_file", {"path": "hang"}, 1))
+            client.send(call("search", FILES, 1.0))
+            self.assertIn("is running", self.answer(client, None))
+            self.cancel(client, True, "1", "unknown")  # nobody's ids
+            self.cancel(client, 1)
+        client.send(call("search", FILES, 1))
+        self.assertEqual(self.answer(client, 1), "src/a.py")
+
+
+class Ends(ServerCase):
+    def run_server(self, status, stdin, stdout=subprocess.PIPE, close=()):
+        """Run a server to its end: what it has printed, and its log."""
+        with subprocess.Popen(
+                ["sh", "-c", f'exec "$@" {" ".join(close)}', "sh", sys.executable, "-m",
+                 self.host.name, *self.words()], cwd=self.directory, stdin=stdin, stdout=stdout,
+                stderr=subprocess.PIPE) as server:
+            time.sleep(1)  # a reader that is slow
+            printed = server.stdout.readlines() if server.stdout else []
+            told = server.stderr.read().decode()
+        self.assertEqual(server.returncode, status, told)
+        return printed, told
+
+    def test_files_for_input_and_output(self):
+        (self.sources / "src" / "a.py").write_text("x" * 99_000)
+        lines = self.directory / "requests"
+        asked = (call("read_file", {"path": "src/a.py"}, number) for number in range(20))
+        lines.write_bytes(b"\n".join(asked))  # the last one without a line feed
+        for name, status, stdout, printed, told in (
+                ("a slow reader", 0, subprocess.PIPE, 20, ""),
+                ("a full disk", 1, "/dev/full", 0, "No space left")):
+            with self.subTest(name), lines.open() as file:
+                if isinstance(stdout, str):
+                    stdout = self.enterContext(open(stdout, "w"))
+                seen, log = self.run_server(status, file, stdout)
+                self.assertEqual(len(seen), printed)
+                self.assertIn(told, log)
+        with open(os.devnull, "w") as not_readable:
+            self.assertEqual(self.run_server(0, not_readable), ([], ""))
+        for closed in ("<&-", ">&-"):
+            with self.subTest(closed):
+                _, log = self.run_server(1, subprocess.DEVNULL, close=[closed])
+                self.assertIn("must be open", log)
+                self.assertNotIn("Traceback", log)
+
+    def test_pipes_that_do_not_wait(self):
+        (self.sources / "src" / "a.py").write_text("x" * 99_000)
+        (stdin, asking), (answering, stdout) = os.pipe(), os.pipe()
+        for end in (stdin, stdout):
+            os.set_blocking(end, False)
+        with subprocess.Popen([sys.executable, "-m", self.host.name, *self.words()], stdin=stdin,
+                              cwd=self.directory, stdout=stdout) as server:
+            os.close(stdin)
+            os.close(stdout)
+            time.sleep(1)  # the server finds nothing to read, and then nobody who reads
+            with open(asking, "wb") as asking, open(answering, "rb") as answering:
+                asking.write(b"\n".join(call("read_file", {"path": "src/a.py"}) for _ in range(9)))
+                asking.close()
+                time.sleep(1)
+                self.assertEqual(len(answering.readlines()), 9)
+        self.assertEqual(server.returncode, 0)
+
+    def test_clients_that_do_not_read(self):
+        """For one that never reads nothing more is taken in; one that has left ends the server."""
+        self.configure(GRACE_S=0.5)
+        client, taken = self.started(), 0
+        stdin = client.process.stdin.fileno()
+        os.set_blocking(stdin, False)
+        lines = (request("tools/list") + b"\n") * 1000
+        while select.select([], [stdin], [], 3)[1] and taken < 4 << 20:
+            taken += os.write(stdin, lines)
+        self.assertLess(taken, 4 << 20)
+        client.process.terminate()
+        self.assertEqual(client.process.wait(30), 0)
+        client = self.started(flush_every=600)
+        client.process.stdout.close()
+        client.send(call("search", FILES))
+        self.assertEqual(client.process.wait(30), 1)
+        self.assertRegex(self.log.read_text(), r"\A.* ERROR .*can not be answered: .*pipe\n\Z")
+        self.assertEqual(self.saved_calls(), 1)
+
+    def test_log_that_nobody_reads(self):
+        reading_end, writing_end = os.pipe()
+        client = self.start(stderr=writing_end, disable_after_errors=10**6)
+        for _ in range(1500):
+            client.call("read_file", {"path": "break"})
+        self.assertEqual(self.usage(client, "outcome", tool="read_file"), {("failed",): 1500})
+        os.close(reading_end)
+        os.close(writing_end)
+
+    def test_running_calls_at_the_end(self):
+        """At the end of input they get what is left of their limit; after a signal, a moment."""
+        self.configure(TIME_LIMIT_S=3, GRACE_S=1)
+        for name, end, expected in (
+                ("end of input", lambda client: client.process.stdin.close(), "no answer in 3 s"),
+                ("SIGTERM", lambda client: client.process.terminate(), "the server ends"),
+                ("SIGHUP", lambda it: it.process.send_signal(signal.SIGHUP), "the server ends")):
+            with self.subTest(name):
+                client = self.started(flush_every=600)
+                asked = client.ask("tools/call", reading("hang"))
+                searching = client.ask("tools/call", SLOW)
+                eventually(self.searchers)
+                end(client)
+                told = {answer["id"]: json.dumps(answer) for answer in
+                        (client.receive(), client.receive())}
+                self.assertIn(expected, told[asked])
+                self.assertIn("stopped after 3 s" if "input" in name else expected, told[searching])
+                self.assertEqual((client.process.wait(30), self.searchers()), (0, []))
