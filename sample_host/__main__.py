@@ -13,7 +13,7 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 from functools import partial
 from pathlib import Path
-from typing import Any
+from typing import Any, NoReturn
 
 from . import __version__
 from .config import GRACE_S, LAST_SAVE_S, MAX_STUCK, TIME_LIMIT_S, WORKERS, ToolsConfig
@@ -25,11 +25,9 @@ except ImportError as error:
     if error.name != f"{__package__}.tool_handlers":
         raise
     there = ", ".join(file.name for file in Path(__file__).parent.glob("tool_handlers/health.*.so"))
-    this = f"{sys.executable} (Python {platform.python_version()})"
-    sys.exit(f"{__package__}.tool_handlers.health is not built for {this}; built there is:"
-             f" {there or 'nothing'}.\n"
-             f"Build it: cmake --preset release -DPython_EXECUTABLE={sys.executable}, then"
-             " script/bootstrap")
+    sys.exit(f"health is not built for {sys.executable} (Python {platform.python_version()}); built"
+             f" there is: {there or 'nothing'}.\nBuild it: cmake --preset release"
+             f" -DPython_EXECUTABLE={sys.executable}, then script/bootstrap")
 
 from .daemon.health_saver import HealthSaver
 from .daemon.mcp_server import McpServer
@@ -51,21 +49,20 @@ def main() -> None:
     if sys.stdin is None or sys.stdout is None:
         sys.exit("standard input and output must be open: an MCP client speaks over them")
     if shutil.which("rg") is None:
-        sys.exit("ripgrep (rg) is not on the PATH, and search needs it. Debian: apt-get install"
-                 " ripgrep")
+        sys.exit("ripgrep (rg) is not on the PATH, and search needs it: apt-get install ripgrep")
     options = _parse_options()
     start_log()  # to standard error: standard output is the protocol's
-    try:
-        status = asyncio.run(_serve(options))
-    except (ValueError, TypeError, OverflowError) as error:
-        logger.error("%s holds what is no history of tools: %s", options.db, error)
-        status = 1
+    asyncio.run(_serve(options))
+
+
+def _end(status: int) -> NoReturn:
+    """End the process, whatever its threads are stuck in, while signals still find the loop."""
     finish_log(1)
-    os._exit(status)  # whatever threads are stuck in
+    os._exit(status)
 
 
-async def _serve(options: argparse.Namespace) -> int:
-    """Serve until the input ends or a signal comes; then save. Answers the exit status."""
+async def _serve(options: argparse.Namespace) -> NoReturn:
+    """Serve until the input ends or a signal comes; then save, and end the process."""
     loop, the_end = asyncio.get_running_loop(), asyncio.Event()
     reasons: list[str | OSError] = []  # why it is to end, if not for the end of input
 
@@ -79,8 +76,16 @@ async def _serve(options: argparse.Namespace) -> int:
     repository = Repository(options.repo, options.db)
     settings = ToolsConfig(options.disable_after_errors, options.cooldown_s)
     health.logger.addFilter(partial(_say_what_follows, options.db))
-    tracker = await loop.run_in_executor(
-        database, health.ToolHealthTracker, repository, settings)
+    making = loop.run_in_executor(database, health.ToolHealthTracker, repository, settings)
+    ending = asyncio.create_task(the_end.wait())
+    await asyncio.wait({making, ending}, return_when=asyncio.FIRST_COMPLETED)
+    if not making.done():
+        _end(1)
+    try:
+        tracker = making.result()
+    except (ValueError, TypeError, OverflowError) as error:
+        logger.error("%s holds what is no history of tools: %s", options.db, error)
+        _end(1)
     started, sources = time.monotonic(), Sources(repository.directory)
     workers, quick = Workers("worker", WORKERS), Workers("status", 1)
 
@@ -104,7 +109,7 @@ async def _serve(options: argparse.Namespace) -> int:
     lines = Lines(sys.stdin.fileno(), sys.stdout.fileno(), end)
     server = McpServer(pipeline, lines.answer)
     serving = asyncio.create_task(_receive_all(lines, server, the_end))
-    await the_end.wait()
+    await ending
     serving.cancel()
     await server.finish(GRACE_S if reasons else TIME_LIMIT_S + 1)
     saving.cancel()
@@ -113,7 +118,7 @@ async def _serve(options: argparse.Namespace) -> int:
     gone = [reason for reason in reasons if isinstance(reason, OSError)]
     if gone:
         logger.error("The client can not be answered: %s", gone[0])
-    return 0 if is_saved and not gone else 1
+    _end(0 if is_saved and not gone else 1)
 
 
 async def _receive_all(lines: Lines, server: McpServer, the_end: asyncio.Event) -> None:

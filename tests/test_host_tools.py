@@ -47,6 +47,7 @@ class Tools(ServerCase):
             "Bad arguments: ": [TEXT | {"pattern": bad} for bad in (5, "x" * 1001)]
             + [TEXT | {"action": bad} for bad in ("drop", "", None, [], {})]
             + [TEXT | {"max_results": bad} for bad in (True, 0, 501)] + [FILES | {"glob": "*"}]
+            + [FILES | {"pattern": "["}, TEXT | {"pattern": "a\nb"}]
             + [TEXT | {"query": "y"}, TEXT | {"path": "y"}, {"action": "text"}],
         }
         reads = {
@@ -71,6 +72,7 @@ class Tools(ServerCase):
         counted = self.usage(client, "action", "outcome", "alias_hit", "slow")
         self.assertEqual(counted["text", "ok", True, True], 2)
         self.assertEqual(counted[None, "bad_arguments", False, False], 14)
+        self.assertEqual(counted["files", "bad_arguments", False, False], 1)
         reads = self.usage(client, "outcome", "alias_hit", tool="read_file")
         self.assertEqual((reads["call_failed", False], reads["ok", True]), (2, 1))
 

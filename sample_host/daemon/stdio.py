@@ -9,6 +9,7 @@ import queue
 import select
 import threading
 from collections.abc import AsyncIterator, Callable
+from functools import partial
 from typing import Any
 
 MAX_LINE_BYTES = 1 << 20
@@ -52,7 +53,7 @@ class Lines:
     def _read(self, source: int) -> None:
         pending = b""
         with contextlib.suppress(OSError):  # whatever it is: that is the end of input
-            while chunk := _when_ready(lambda: os.read(source, 1 << 16), [source], []):
+            while chunk := _when_ready(partial(os.read, source, 1 << 16), [source], []):
                 *lines, pending = (pending + chunk).split(b"\n")
                 pending = pending[: MAX_LINE_BYTES + 1]  # an endless line's rest is passed over
                 self._room.acquire()
@@ -65,7 +66,7 @@ class Lines:
             while (line := self._answers.get()) is not None:
                 size = len(line) - 1
                 while line:
-                    done = _when_ready(lambda: os.write(target, line), [], [target])
+                    done = _when_ready(partial(os.write, target, line), [], [target])
                     line = line[done:]
                 self._tell(self._was_read, size)
         except OSError as error:

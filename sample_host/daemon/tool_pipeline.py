@@ -90,11 +90,9 @@ class ToolPipeline:
             content, seconds, is_cut = await self._handlers[tool](until, **call.parameters)
         except BadArguments:
             raise
-        except TimeoutError:
-            return Outcome.CALL_FAILED, f"{tool} gave no answer in {TIME_LIMIT_S:g} s.", None
-        except Unreadable as error:
-            text = valid_unicode(f"{tool} cannot answer this call: {error}")
-            return Outcome.CALL_FAILED, text, None
+        except (TimeoutError, Unreadable) as error:
+            why = valid_unicode(str(error)) or f"no answer in {TIME_LIMIT_S:g} s."
+            return Outcome.CALL_FAILED, f"{tool} cannot answer this call: {why}", None
         except Exception as error:
             content = valid_unicode(f"{type(error).__name__}: {error}")
             self._tracker.record_error(tool, content)

@@ -11,6 +11,7 @@ from collections.abc import AsyncIterator
 from typing import Any
 
 from ..config import TIME_LIMIT_S, WORKERS
+from ..tool_schemas import BadArguments
 from ..utils.workers import Workers
 from .source_files import MAX_FILE_BYTES, Sources
 
@@ -68,14 +69,17 @@ async def _collect(arguments: list[str], root: int, until: float,
     found: list[str] = []
     # The descriptor, not the path, which may lead to another directory by now.
     child = await asyncio.create_subprocess_exec(
-        "rg", *arguments, cwd=f"/proc/self/fd/{root}", stdin=DEVNULL, stdout=PIPE, stderr=DEVNULL,
+        "rg", *arguments, cwd=f"/proc/self/fd/{root}", stdin=DEVNULL, stdout=PIPE, stderr=PIPE,
         limit=_LONGEST)
+    assert child.stderr is not None
     try:
         async with asyncio.timeout_at(until):
             async for match in _matches(child, "--json" in arguments):
                 if len(found) == most:
                     return found, [f"(more than {most} matches; narrow the pattern)"], False
                 found.append(match)
+            if told := await child.stderr.read():  # of unreadable files it says nothing
+                raise BadArguments(told.decode("utf-8", "replace").strip()[:_SHOWN_CHARACTERS])
     except TimeoutError:
         where = f"after {found[-1].partition(': ')[0]}" if found else "before the first match"
         return found, [f"(stopped after {TIME_LIMIT_S:g} s, {where}; narrow the pattern)"], True
