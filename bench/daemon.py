@@ -15,7 +15,7 @@ import threading
 import time
 from pathlib import Path
 
-from sample_host.demo import Client, Unexpected
+from bench.client import Client, Unexpected
 
 CHECKOUT = Path(__file__).resolve().parent.parent
 IN_FLIGHT = 16

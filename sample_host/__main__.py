@@ -71,7 +71,7 @@ async def _serve(options: argparse.Namespace) -> NoReturn:
         the_end.set()
 
     for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
-        loop.add_signal_handler(number, end, signal.Signals(number).name)
+        loop.add_signal_handler(number, end, number.name)
     database = ThreadPoolExecutor(1, "database")  # for all that waits for it: history and saves
     repository = Repository(options.repo, options.db)
     settings = ToolsConfig(options.disable_after_errors, options.cooldown_s)
@@ -115,10 +115,10 @@ async def _serve(options: argparse.Namespace) -> NoReturn:
     saving.cancel()
     is_saved = await saver.save_at_the_end(LAST_SAVE_S)
     lines.close(GRACE_S)
-    gone = [reason for reason in reasons if isinstance(reason, OSError)]
-    if gone:
-        logger.error("The client can not be answered: %s", gone[0])
-    _end(0 if is_saved and not gone else 1)
+    for error in (reason for reason in reasons if isinstance(reason, OSError)):
+        is_saved = False
+        logger.error("The client can not be answered: %s", error)
+    _end(0 if is_saved else 1)
 
 
 async def _receive_all(lines: Lines, server: McpServer, the_end: asyncio.Event) -> None:

@@ -70,14 +70,10 @@ OUTPUT_SCHEMAS: dict[str, dict[str, Any]] = {
 }
 
 PARAMETER_SYNONYMS = {
-    **{"query": "pattern", "text": "pattern"},
-    **{"file": "path", "file_path": "path", "filename": "path"},
-    **{"mode": "action", "limit": "max_results", "offset": "start_line"},
-}
-
+    "query": "pattern", "text": "pattern", "file": "path", "file_path": "path",
+    "filename": "path", "mode": "action", "limit": "max_results", "offset": "start_line"}
 ACTION_SYNONYMS = {
-    "search": {"grep": "text", "content": "text", "glob": "files", "find": "files"},
-}
+    "search": {"grep": "text", "content": "text", "glob": "files", "find": "files"}}
 
 
 def is_slow_call(tool: str, action: str | None) -> bool:

@@ -16,9 +16,8 @@ import unittest
 from pathlib import Path
 from unittest import mock
 
-from sample_host.demo import Client
-
 from bench import hosts
+from bench.client import Client
 
 FILES = {"action": "files", "pattern": "*.py"}
 SLOW = {"name": "search", "arguments": {"action": "text", "pattern": "slow"}}

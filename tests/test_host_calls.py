@@ -15,6 +15,8 @@ import time
 
 from sample_host.config import MAX_QUEUED, WORKERS
 
+from bench import hosts
+
 from .servers import FILES, SLOW, ServerCase, eventually, reading
 
 
@@ -221,8 +223,10 @@ class Demo(ServerCase):
         (self.sources / "bell").write_text("the \x1b[31mbell\x07\n")
         scratch = self.enterContext(tempfile.TemporaryDirectory())
         demo = subprocess.run(
-            [sys.executable, "-m", f"{self.host.name}.demo", self.sources], cwd=self.directory,
-            env=os.environ | {"COLUMNS": "80", "TMPDIR": scratch}, capture_output=True, text=True)
+            [sys.executable, "-c", "import pathlib, sys; from bench.demo import main;"
+             " main(*map(pathlib.Path, sys.argv[1:]))", self.sources, self.host],
+            cwd=hosts.CHECKOUT, env=os.environ | {"COLUMNS": "80", "TMPDIR": scratch},
+            capture_output=True, text=True)
         self.assertEqual((demo.returncode, demo.stderr, os.listdir(scratch)), (0, "", []))
         self.assertLessEqual(max(map(len, demo.stdout.splitlines())), 80)
         self.assertTrue(all(it.isprintable() or it == "\n" for it in demo.stdout))

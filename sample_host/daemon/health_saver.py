@@ -22,10 +22,7 @@ class HealthSaver:
 
     def __init__(self, tracker: ToolHealthTracker, thread: Executor, count: Callable[[], int],
                  file: Path) -> None:
-        self._tracker = tracker
-        self._thread = thread
-        self._count = count
-        self._file = file
+        self._tracker, self._thread, self._count, self._file = tracker, thread, count, file
         self._saved = 0  # of the calls that were counted
         self.last_error: Exception | None = None
 

@@ -4,7 +4,7 @@ import logging
 import time
 from collections.abc import Generator
 from contextlib import contextmanager
-from datetime import datetime, timezone
+from datetime import datetime
 
 from ..tool_handlers.health import ToolHealthTracker
 
@@ -30,8 +30,7 @@ class Recovery:
         self._tracker = tracker
         # The tools that are disabled, and since when; the history may hold some.
         self._since = {
-            it["tool_name"]: datetime.fromisoformat(it["disabled_at"])
-            .replace(tzinfo=timezone.utc).timestamp()
+            it["tool_name"]: datetime.fromisoformat(f"{it['disabled_at']}Z").timestamp()
             for it in tracker.get_health_summary() if it["disabled_at"] is not None}
         self._failing = set(self._since)  # those that no call has succeeded with since
         self._probed: set[str] = set()  # of those, the ones that a call is trying now

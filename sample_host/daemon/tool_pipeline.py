@@ -42,11 +42,9 @@ class ToolPipeline:
 
     def __init__(self, tracker: ToolHealthTracker, handlers: Mapping[str, Handler],
                  lanes: Mapping[str, str], is_stuck: Callable[[], bool]) -> None:
-        self._tracker = tracker
-        self._recovery = Recovery(tracker)
-        self._handlers = handlers
+        self._tracker, self._recovery = tracker, Recovery(tracker)
+        self._handlers, self._is_stuck = handlers, is_stuck
         self._lanes = lanes  # by tool, the calls that it waits with
-        self._is_stuck = is_stuck
         self._running: Counter[str] = Counter()  # by lane
         self.counted = 0  # all calls so far: each is counted once, when it ends
 

@@ -42,15 +42,13 @@ class Sources:
             for part in [part for part in parts if part not in ("", ".")]:
                 above, at = at, os.open(part, _SAFELY, dir_fd=at)
                 os.close(above)
-        except PermissionError as error:
+            if not stat.S_ISREG(os.fstat(at).st_mode):
+                raise FileNotFoundError
+        except (OSError, UnicodeEncodeError) as error:
             os.close(at)
-            raise Unreadable(f"{error.strerror}.") from None
-        except (OSError, UnicodeEncodeError):
-            os.close(at)
-            raise BadArguments("path names no file of the repository.") from None
-        if not stat.S_ISREG(os.fstat(at).st_mode):
-            os.close(at)
-            raise BadArguments("path names no regular file of the repository.")
+            if isinstance(error, PermissionError):
+                raise Unreadable(f"{error.strerror}.") from None
+            raise BadArguments("path names no regular file of the repository.") from None
         return at
 
     def read_lines(self, path: str) -> list[str]:

@@ -9,15 +9,17 @@ import re
 import shutil
 import signal
 import sqlite3
-import subprocess
 import sys
 import textwrap
 import time
 from collections import Counter
-from collections.abc import Iterator
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import IO, Any
+
+from bench.client import Client, Unexpected
+
+HOST = Path(__file__).resolve().parent.parent / "sample_host"
 
 COOLDOWN_S, FAILURES, LOCKED_S, AGENTS = 4, 3, 3, 8
 
@@ -27,77 +29,13 @@ OK, BAD_ARGUMENTS = (False, ""), (True, "Bad arguments: ")
 FAILED, REFUSED = (True, "FileNotFoundError: "), (True, "is disabled")
 
 
-class Unexpected(Exception):
-    """The conversation went other than it should."""
-
-
-class Client:
-    """An MCP client, with a server of its own as a child process."""
-
-    def __init__(self, host: Path, *options: str, stderr: IO[Any] | None = None) -> None:
-        """Start the server that the package directory `host` holds."""
-        pipe = subprocess.PIPE
-        self.process = subprocess.Popen(
-            [sys.executable, "-m", host.name, *options],
-            cwd=host.parent, stdin=pipe, stdout=pipe, stderr=stderr, start_new_session=True)
-        self._next_id = 0
-
-    def send(self, line: bytes) -> None:
-        assert self.process.stdin is not None
-        self.process.stdin.write(line + b"\n")
-        self.process.stdin.flush()
-
-    def receive(self) -> dict[str, Any]:
-        assert self.process.stdout is not None
-        line = self.process.stdout.readline()
-        if not line:
-            raise Unexpected("the server ended")
-        return json.loads(line)
-
-    def ask(self, method: str, params: dict[str, Any]) -> int:
-        """Send a request, and answer its id without waiting."""
-        self._next_id += 1
-        message = {"jsonrpc": "2.0", "id": self._next_id, "method": method, "params": params}
-        self.send(json.dumps(message).encode())
-        return self._next_id
-
-    def request(self, method: str, params: dict[str, Any]) -> dict[str, Any]:
-        asked, answer = self.ask(method, params), self.receive()
-        if answer["id"] != asked or "error" in answer:
-            raise Unexpected(f"{method} was answered {answer}")
-        return answer["result"]
-
-    def call(self, tool: str, arguments: dict[str, Any]) -> tuple[bool, str]:
-        """Call a tool: whether the answer is an error, and its text."""
-        result = self.request("tools/call", {"name": tool, "arguments": arguments})
-        return result["isError"], result["content"][0]["text"]
-
-    def keep_calling(self, at_once: int, seconds: float, call: dict[str, Any]) -> Iterator[float]:
-        """Keep so many calls running for so long, and give out the seconds that each took."""
-        ends_at = time.monotonic() + seconds
-        asked_at = {self.ask("tools/call", call): time.monotonic() for _ in range(at_once)}
-        while asked_at:
-            yield time.monotonic() - asked_at.pop(self.receive()["id"])
-            if time.monotonic() < ends_at:
-                asked_at[self.ask("tools/call", call)] = time.monotonic()
-
-    def close(self) -> int:
-        """End the server by the end of its input, and answer its exit status."""
-        assert self.process.stdin is not None
-        with self.process:
-            self.process.stdin.close()
-        return self.process.returncode
-
-
-def main() -> None:
-    directory = Path(sys.argv[1] if len(sys.argv) > 1 else ".").resolve()
-    if not directory.is_dir():
-        sys.exit(f"no directory: {directory}")
+def main(directory: Path, host: Path = HOST) -> None:
+    """Play with the server that the package directory `host` holds, on a directory of sources."""
     signal.alarm(120)  # a server that hangs must not hang the demo
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     with TemporaryDirectory() as scratch, Path(scratch, "server.log").open("w+") as log:
         try:
-            _play(directory, Path(scratch), log)
+            _play(host, directory, Path(scratch), log)
         except Unexpected as error:
             log.seek(0)
             sys.exit(f"\nNot as expected: {error}\nThe server's log:\n{log.read()}")
@@ -107,7 +45,7 @@ def main() -> None:
             os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
 
 
-def _play(directory: Path, scratch: Path, log: IO[str]) -> None:
+def _play(host: Path, directory: Path, scratch: Path, log: IO[str]) -> None:
     disk, database = scratch / "repository", scratch / "health.db"
     disk.symlink_to(directory)
     options = ["--repo", str(disk), "--db", str(database), "--flush-every", "0.5"]
@@ -115,7 +53,7 @@ def _play(directory: Path, scratch: Path, log: IO[str]) -> None:
     todo = {"action": "text", "pattern": "todo", "max_results": 3}
 
     _print(f"\nA server on {directory}")
-    agent = _connect(options, log)
+    agent = _connect(host, options, log)
     found = _ask(agent, OK, "search", {"action": "text", "pattern": "the", "max_results": 20})
     _print("(mode, query and limit are synonyms that agents use; they are understood, and counted)")
     _ask(agent, OK, "search", {"mode": "glob", "query": "*.[ch]*", "limit": 3})
@@ -150,7 +88,7 @@ def _play(directory: Path, scratch: Path, log: IO[str]) -> None:
     disk.symlink_to(directory)
     before = _health(agent)["search"]["disabled_at"]
     _end(agent)
-    agent = _connect(options, log)
+    agent = _connect(host, options, log)
     if _health(agent)["search"]["disabled_at"] != before:
         raise Unexpected(f"before the restart, search was disabled at {before}")
     _ask(agent, REFUSED, "search", todo)
@@ -169,8 +107,8 @@ def _play(directory: Path, scratch: Path, log: IO[str]) -> None:
     _end(agent)
 
 
-def _connect(options: list[str], log: IO[str]) -> Client:
-    client = Client(Path(__file__).parent, *options, stderr=log)
+def _connect(host: Path, options: list[str], log: IO[str]) -> Client:
+    client = Client(host, *options, stderr=log)
     introduction = {"capabilities": {}, "clientInfo": {"name": "demo", "version": "1.0"}}
     started = client.request("initialize", {"protocolVersion": "2025-06-18", **introduction})
     client.send(b'{"jsonrpc": "2.0", "method": "notifications/initialized"}')
@@ -214,4 +152,4 @@ def _health(agent: Client) -> dict[str, dict[str, Any]]:
 
 
 if __name__ == "__main__":
-    main()
+    main(Path(sys.argv[1]))
