@@ -100,9 +100,9 @@ async def lateness(work):
 
 
 PROGRAMS = {
-    "the daemon": ["-m", "sample_host"],
-    "with plain Python in the module's place": ["-m", "bench.other_trackers", "plain"],
-    "written through at every report": ["-m", "bench.other_trackers", "write_through"],
+    "the module": ["-m", "sample_host"],
+    "its twin in plain Python": ["-m", "bench.other_trackers", "plain"],
+    "written through": ["-m", "bench.other_trackers", "write_through"],
 }
 
 

@@ -9,10 +9,12 @@ set multiplot layout 3,1
 set style data histograms
 set style histogram clustered gap 1
 set style fill solid
-set key top right
+set key outside top center horizontal
+set lmargin at screen 0.14
+set rmargin at screen 0.97
 set grid y
 set yrange [0:]
-set title "A client's calls answered in 8 s, 16 in flight"
+set title "A client's calls answered in 8 s, 16 in flight, by what keeps the health"
 set ylabel "calls"
 set xtics noenhanced
 plot $served using 2:xtic(1) title "database free" linecolor "#2f6db5", \\
@@ -25,7 +27,7 @@ plot $calls using 2:xtic(1) title "plain Python" linecolor "#b0b7c3", \\
 set title "get\\\\_health\\\\_summary as tools grow, 5 usage keys a tool (both axes logarithmic)"
 set ylabel "milliseconds"
 set xlabel "tools"
-set key top left
+set key inside top left vertical
 set xtics norotate
 set logscale xy
 set yrange [*:*]

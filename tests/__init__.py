@@ -4,8 +4,9 @@ import unittest
 from bench import hosts
 
 
-# A dead-lock shows where it is before CTest ends the test.
-faulthandler.dump_traceback_later(280, exit=True)
+# A dead-lock shows where it is before CTest ends the test, for which CMakePresets.json has 15
+# minutes.
+faulthandler.dump_traceback_later(14 * 60, exit=True)
 
 
 # A host package of its own for each test, its module on a scripted clock.

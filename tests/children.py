@@ -7,7 +7,7 @@ from pathlib import Path
 
 # Run code in a fresh interpreter, here in the checkout: it has to end by itself, cleanly and
 # in silence.
-def check(case, code, *options, timeout=240):
+def check(case, code, *options, timeout=600):
     command = [sys.executable, "-X", "faulthandler", *options, "-c", code]
     child = subprocess.run(command, cwd=Path(__file__).parent.parent, capture_output=True,
                            text=True, timeout=timeout)
