@@ -17,7 +17,7 @@ from sample_host.config import MAX_QUEUED, WORKERS
 
 from bench import hosts
 
-from .servers import FILES, SLOW, ServerCase, eventually, reading
+from .servers import FILES, SLOW, ServerCase, call, eventually, reading
 
 
 class ManyCalls(ServerCase):
@@ -73,6 +73,9 @@ class ManyCalls(ServerCase):
         eventually(lambda: not self.searchers())
         self.assertEqual(client.call("search", FILES), (False, "src/a.py"))
         self.assertEqual(self.usage(client, "outcome")["cancelled",], len(asked) - 3)
+        client.send(b"\n".join(call("status", {}, number) for number in range(600)))
+        answers = [client.receive()["result"]["isError"] for _ in range(600)]
+        self.assertIn(True, answers, "all waited for the one thread")
         threads = self.data(client, key="threads")
         self.assertEqual(threads["budget"], 10)
         self.assertLessEqual(threads["os"], 10)

@@ -26,9 +26,9 @@ class Lines:
         self._room = threading.Semaphore(4)  # for so many reads that the loop has not taken
         self._answers: queue.SimpleQueue[bytes | None] = queue.SimpleQueue()
         self._unread = 0  # bytes of answers
-        threading.Thread(target=self._read, args=(source,), daemon=True, name="stdin").start()
-        self._writer = threading.Thread(
-            target=self._write, args=(target,), daemon=True, name="stdout")
+        new_thread = partial(threading.Thread, daemon=True)
+        new_thread(target=self._read, args=(source,), name="stdin").start()
+        self._writer = new_thread(target=self._write, args=(target,), name="stdout")
         self._writer.start()
 
     async def __aiter__(self) -> AsyncIterator[bytes]:
