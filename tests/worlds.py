@@ -1,5 +1,6 @@
-# The same case in two worlds, that of the module and that of its plain-Python twin: everything that
-# can be seen of it must be the same.
+# The same case in two worlds, that of the module and that of its twin in plain Python,
+# bench/plain.py, which has to change with a rule: everything that can be seen of it must be the
+# same.
 #
 # A case is a function, and what its parameters name is taken from the world: the module as
 # `health`, a tracker with a history as `tracker`, its class, its settings, its clock, and so on.
@@ -12,6 +13,7 @@
 
 import json
 import linecache
+import os
 import re
 import types
 import unittest
@@ -121,10 +123,12 @@ class World(hosts.Host):
         result = hosts.outcome(self.call, case)
         fields = [(name, hosts.typed(value)) for name, value in vars(self.tracker).items()
                   if name not in ("_repo", "_limits", "_lock")]
+        seen = {f"tracker.{name}": value for name, value in fields}
         lock = bare(vars(self.tracker).get("_lock"))
-        calls, warnings = hosts.typed(self.db.calls), repr(self.warnings)
-        return OWN.sub("", repr(
-            (result, fields, hosts.is_held(lock), self.clock.reads, self.log, calls, warnings)))
+        seen |= {"result": result, "fields": [name for name, _ in fields], "log": self.log,
+                 "lock held": hosts.is_held(lock), "clock readings": self.clock.reads,
+                 "calls": hosts.typed(self.db.calls), "warnings": self.warnings}
+        return {name: OWN.sub("", repr(value)) for name, value in seen.items()}
 
 
 class TwinCase(unittest.TestCase):
@@ -141,7 +145,18 @@ class TwinCase(unittest.TestCase):
                 for world in (self.module, self.plain):
                     world.reset()
                     seen.append(world.told(case))
-                self.assertEqual(*seen)
+                module, plain = seen
+                if module != plain:
+                    self.fail("\n".join(differences(module, plain)))
+
+
+# A line for each part that differs, from a little before the place where it does.
+def differences(module, plain):
+    for name in module | plain:
+        one, other = module.get(name, "missing"), plain.get(name, "missing")
+        start = max(0, len(os.path.commonprefix([one, other])) - 40)
+        if one != other:
+            yield f"{name}: module ...{one[start:][:160]}, plain ...{other[start:][:160]}"
 
 
 # The line on which a function begins, to tell it from others.
