@@ -39,8 +39,8 @@ class Tools(ServerCase):
             "caf\ufffd:1: \ufffdcup\n(more than 1 matches; narrow the pattern)":
                 [TEXT | {"pattern": "p", "max_results": 1.0}],
             "!note:1: q\nforged\\na:1: x:1: q": [TEXT | {"pattern": "q"}],
-            "!note\nbinary\ncaf\ufffd\nfull\nlarge\nrows\n" + in_src + "\nwide":
-                [FILES | {"pattern": "**"}],
+            "!note\nbinary\ncaf\ufffd\nlarge\nrows\n" + in_src + "\nwide":
+                [FILES | {"pattern": "[!f]*"}],
             in_src: [FILES | {"pattern": "src/**"}],
             "src/a.py": [FILES | {"pattern": one} for one in ("*.py", "src/*", "src/**/a.*")],
             "!note": [FILES | {"pattern": "!note"}],
