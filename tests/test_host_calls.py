@@ -47,9 +47,8 @@ class ManyCalls(ServerCase):
         self.go()
         for number in asked:
             self.answer(client, number)
-        _, quick = sorted(row["min_ms"] for row in self.data(
-            client, "get_tool_performance_stats", "tools") if row["name"] == "read_file") * 2
-        self.assertLess(quick, 1000, "the wait for a worker has counted")
+        (times,) = self.data(client, "get_tool_performance_stats", "tools")
+        self.assertLess(times["min_ms"], 1000, "the wait for a worker has counted")
 
     def test_search_that_takes_too_long(self):
         """It answers with what it has, under an outcome of its own, and its process is ended."""
