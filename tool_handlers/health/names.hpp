@@ -70,7 +70,6 @@ inline Name disabled{"disabled"};
 inline Name usage_list{"usage"};
 inline Name avg_ms{"avg_ms"};
 inline Name slow{"slow"};
-inline Name none_text{"None"};
 
 // Answers of the reports
 inline Name name{"name"};

@@ -214,11 +214,11 @@ Ref OperationMaker::make_code(const Operation& operation, PyObject* names, PyObj
     if (!bytecode || PyDict_GetItemRef(globals_, names::file, file.out()) < 0) {
         return {};
     }
-    PyObject* const none = Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE);
+    PyObject* const no_names = Py_GetConstantBorrowed(Py_CONSTANT_EMPTY_TUPLE);
     PyObject* const shown_file = file && PyUnicode_Check(file.get()) ? file.get() : pattern->co_filename;
     Ref code = Ref::steal(reinterpret_cast<PyObject*>(PyUnstable_Code_New(
         total - by_name, by_name, total, pattern->co_stacksize, CO_NEWLOCALS | CO_FUTURE_ANNOTATIONS,
-        bytecode.get(), constants.get(), none, names, none, none, shown_file, pattern->co_name,
+        bytecode.get(), constants.get(), no_names, names, no_names, no_names, shown_file, pattern->co_name,
         qualified_name, 1, pattern->co_linetable, pattern->co_exceptiontable)));
     PyObject*& own_code = reinterpret_cast<Link*>(link.get())->code;
     return code && replace(own_code, Ref::steal(PyWeakref_NewRef(code.get(), nullptr))) ? std::move(code)
