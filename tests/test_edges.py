@@ -152,6 +152,17 @@ class Recursion(unittest.TestCase):
                 self.assertEqual(seen[:-1], [("raised", "RecursionError")] * 50)
                 self.assertFalse(hosts.is_held(world.tracker._lock))
 
+    # An operation counts like a function under Python's own limit.
+    def test_recursion_limit(self):
+        world = self.enterContext(World("limited", hosts.MODULE))
+        world.reset()
+        tracker, asked = put(world.tracker, _lock=threading.RLock()), []
+        world.health.is_slow_call = lambda *_: (asked.append(1), tracker.get_health_summary())
+        self.addCleanup(sys.setrecursionlimit, sys.getrecursionlimit())
+        sys.setrecursionlimit(400)
+        self.assertEqual(hosts.outcome(world.tracker.get_health_summary)[1], "RecursionError")
+        self.assertLess(len(asked), 200)
+
 
 class Errors(HealthCase):
     def test_key_of_the_namespace_that_raises(self):
