@@ -39,8 +39,7 @@ class McpServer:
     def __init__(self, pipeline: ToolPipeline, answer: Callable[[bytes], None]) -> None:
         self._pipeline = pipeline
         self._write = answer
-        self._is_initialized = False
-        self._is_ending = False
+        self._is_initialized = self._is_ending = False
         self._tasks: set[asyncio.Task[None]] = set()
         # The running calls by their ids, under which a client can cancel them.
         self._calls: dict[str | int, asyncio.Task[Any]] = {}
