@@ -103,6 +103,12 @@ REPLACED = [
 ]
 # What it meets: maps, numbers and texts that are not what the tracker puts there.
 MET = [
+    lambda health, census: [health.thread_census_report(budget, census) for budget in (11, 12)],
+    lambda health, census: health.thread_census_report(type("Own", (int,), {
+        "__format__": lambda *_: "\N{GREEK SMALL LETTER BETA}"})(1), census),
+    lambda health, census: (put(census, python_threads=collections.OrderedDict(a=1, b=2)),
+                            census.python_threads.move_to_end("a"),
+                            health.thread_census_report(9, census)),
     lambda tracker: (put(tracker, _state=collections.OrderedDict(tracker._state)),
                      tracker._state.move_to_end("a", last=False), tracker.get_health_summary()),
     lambda tracker, counts: (put(tracker, _usage=collections.OrderedDict(tracker._usage)),
