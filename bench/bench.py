@@ -319,8 +319,6 @@ def main():
     parser.add_argument("--svg", type=Path, help="draw the picture into this file, with gnuplot")
     parser.add_argument("--tables", type=Path, help="write the tables of the figures to this file")
     options = parser.parse_args()
-    if options.quick and options.svg:
-        parser.error("a quick run has too few figures for the picture")
     machine = f"Python {platform.python_version()}, {os.cpu_count()} x {platform.machine()}"
     print(f"{machine}\n")
     if options.runs > 1:

@@ -55,7 +55,8 @@ def lock_of(database, wanted):
         yield
         return
     with subprocess.Popen(
-        [sys.executable, "-c", LOCK, database], stdin=subprocess.PIPE, stdout=subprocess.PIPE
+        [sys.executable, "-c", LOCK, database], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+        start_new_session=True,  # Ctrl-C is for the benchmark; this one ends with its input
     ) as other:
         other.stdout.readline()
         yield
