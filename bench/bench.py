@@ -28,7 +28,7 @@ from types import SimpleNamespace
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
 from bench import daemon  # noqa: E402  (the checkout has to be importable first)
-from bench.hosts import PLAIN, Host, ThreadCensus, Tool, typed  # noqa: E402
+from bench.hosts import PLAIN, Host, ThreadCensus, Tool, parts  # noqa: E402
 from bench.report import draw, tables  # noqa: E402
 
 ACTIONS = 5
@@ -151,16 +151,17 @@ def check_equal(sides):
         side.health.time = SimpleNamespace(time=lambda: 1_700_000_000.75)
         tracker = side.busy()
         filled = side.filled(30, ACTIONS, db)
-        answers.append(typed([
+        answers.append([*parts("answers", [
             *map(tracker.is_disabled, ("healthy", "failing", "unknown")),
             tracker.has_unsaved_changes, filled.get_health_summary(), filled.flush(),
             filled.has_unsaved_changes, db.rows, db.document,
             side.tracker(NullDatabase(db.rows, db.document)).get_health_summary(),
             side.health.thread_census_report(1), side.health.handle_get_tool_performance_stats(),
-        ]))
+        ])])
         side.health.time = time
-    if answers[0] != answers[1]:
-        raise SystemExit(f"the two implementations differ:\n{answers[0]}\n{answers[1]}")
+    differences = [f"plain {one}, module {other}" for one, other in zip(*answers) if one != other]
+    if differences:
+        raise SystemExit("\n".join(["the two implementations differ:", *differences]))
 
 
 class Bench:

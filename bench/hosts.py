@@ -189,33 +189,35 @@ class Host(logging.Handler):
                 vars(sys.modules[parent]).pop(child, None)
 
 
-def typed(value):
-    """A value as plain data by which two copies of the module can be compared: 1, True and 1.0
-    differ.
+def parts(path, value):
+    """A line for each part of a value, with its path and its type, by which two copies of the
+    module can be compared: 1, True and 1.0 differ.
     """
-    kind = type(value).__name__
+    kind, named = type(value).__name__, None
     if isinstance(value, dict):
-        return kind, [(typed(key), typed(item)) for key, item in value.items()]
-    if isinstance(value, (list, tuple)):
-        return kind, [typed(item) for item in value]
-    if isinstance(value, set):
-        return kind, sorted(repr(typed(item)) for item in value)
-    if dataclasses.is_dataclass(value) and not isinstance(value, type):
-        fields = [field.name for field in dataclasses.fields(value)]
-        return kind, [(name, typed(getattr(value, name, "absent"))) for name in fields]
-    return kind, repr(value)
+        named = [(f"{path}[{key!r}]", item) for key, item in value.items()]
+    elif isinstance(value, (list, tuple)):
+        named = [(f"{path}[{number}]", item) for number, item in enumerate(value)]
+    elif dataclasses.is_dataclass(value) and not isinstance(value, type):
+        fields = (field.name for field in dataclasses.fields(value))
+        named = [(f"{path}.{name}", getattr(value, name, "absent")) for name in fields]
+    elif isinstance(value, set):
+        value = sorted(map(repr, value))
+    yield f"{path}: {kind} {repr(value) if named is None else len(named)}"
+    for name, item in named or ():
+        yield from parts(name, item)
 
 
 def outcome(function, *args, **kwargs):
-    """What a call comes to: its typed result, or the kind and text of what it raises, the name that
-    this is about, and the kinds of those errors that were being handled then.
+    """What a call comes to: the parts of its result, or the kind and text of what it raises, the
+    name that this is about, and the kinds of those errors that were being handled then.
     """
     try:
-        return typed(function(*args, **kwargs))
+        return [*parts("result", function(*args, **kwargs))]
     except BaseException as error:
         told = ["raised", type(error).__name__, str(error)]
         if isinstance(error, NameError):
-            told.append(error.name)
+            told.append(str(error.name))
         while error := error.__context__:
             told.append(type(error).__name__)
-        return tuple(told)
+        return told

@@ -1,25 +1,22 @@
-# The same case in two worlds, that of the module and that of its twin in plain Python,
-# bench/plain.py, which has to change with a rule: everything that can be seen of it must be the
-# same.
-#
-# A case is a function, and what its parameters name is taken from the world: the module as
-# `health`, a tracker with a history as `tracker`, its class, its settings, its clock, and so on.
-# For example
-#
-#     lambda tracker, clock: (put(clock, now=5), tracker.record_success("a"))
-#
-# is compared in what it returns or raises and in what it leaves behind: the tracker's fields,
-# whether its lock is free, the database calls, the warnings, and how often the clock was read.
+"""The same case in two worlds, that of the module and that of its twin in plain Python.
 
+What a case returns or raises and what it leaves behind must be the same in both worlds, so
+bench/plain.py changes with a rule. A case is a function, and what its parameters name is taken from
+the world: the module as `health`, a tracker with a history as `tracker`, its class, its clock, and
+so on. Or it is operations by their names after changes by their places:
+
+    ("summary flush", {"record.error_count": 5, "tracker._usage": Made(lambda counts: {9: counts})})
+"""
+
+import itertools
 import json
-import linecache
+import operator
 import os
 import re
 import types
 import unittest
 
 from bench import hosts
-
 
 KEY = ("a", "text", "ok", False)
 TIME = "2023-11-14 22:13:20"
@@ -28,77 +25,71 @@ ENTRY = {"tool": "a", "action": "text", "outcome": "ok", "alias_hit": False, "ca
 DOCUMENT = json.dumps([ENTRY, ENTRY | {"tool": "gone"}])
 STATISTICS = ("name", "count", "avg_ms", "p95_ms", "min_ms", "max_ms", "errors")
 NEW = {"action": None, "outcome": "ok", "alias_hit": True, "duration_ms": None}
-OPERATIONS = [
-    lambda tracker, tool, duration_ms: tracker.record_call(
+OPERATIONS = {
+    "record_call": lambda tracker, tool, duration_ms: tracker.record_call(
         tool, "text", "ok", alias_hit=False, duration_ms=duration_ms),
-    lambda tracker: tracker.record_call("new", **NEW),
-    lambda tracker, tool: tracker.record_success(tool),
-    lambda tracker: tracker.record_success("new"),
-    lambda tracker, tool, error: tracker.record_error(tool, error),
-    lambda tracker, tool: tracker.is_disabled(tool),
-    lambda tracker: tracker.is_disabled("off"),
-    lambda tracker: tracker.get_health_summary(),
-    lambda tracker, tool: tracker._usage_rows(tool),
-    lambda tracker: tracker.has_unsaved_changes,
-    lambda tracker: (tracker.limits, tracker.cooldown_s),
-    lambda tracker: tracker.flush(),
-    lambda tracker, db: (db.answers.update(executemany=OSError("broken")), tracker.flush()),
-    lambda tracker, db: (db.answers.update(execute=OSError("broken")), tracker._flush_usage()),
-    lambda tracker: tracker._load(),
-    lambda tracker: tracker._load_usage(),
-    lambda tracker, repository: tracker.__init__(repository),
-    lambda health, tool: health._known(tool, "text"),
-    lambda health, text: health._epoch(text),
-    lambda health, epoch: health._sqlite_time(epoch),
-    lambda health, budget, census: health.thread_census_report(budget, census),
-    lambda health: health.handle_get_tool_performance_stats(),
-]
+    "record_new_call": lambda tracker: tracker.record_call("new", **NEW),
+    "record_success": lambda tracker, tool: tracker.record_success(tool),
+    "record_new_success": lambda tracker: tracker.record_success("new"),
+    "record_error": lambda tracker, tool, error: tracker.record_error(tool, error),
+    "is_disabled": lambda tracker, tool: tracker.is_disabled(tool),
+    "is_off_disabled": lambda tracker: tracker.is_disabled("off"),
+    "summary": lambda tracker: tracker.get_health_summary(),
+    "_usage_rows": lambda tracker, tool: tracker._usage_rows(tool),
+    "has_unsaved_changes": lambda tracker: tracker.has_unsaved_changes,
+    "settings": lambda tracker: (tracker.limits, tracker.cooldown_s),
+    "flush": lambda tracker: tracker.flush(),
+    "flush_failing_at_once": lambda tracker, fail: fail(1) or tracker.flush(),
+    "flush_failing_later": lambda tracker, fail: fail(2) or tracker.flush(),
+    "_load": lambda tracker: tracker._load(),
+    "_load_usage": lambda tracker: tracker._load_usage(),
+    "construction": lambda tracker, repository: tracker.__init__(repository),
+    "_known": lambda health, tool: health._known(tool, "text"),
+    "_epoch": lambda health, text: health._epoch(text),
+    "_sqlite_time": lambda health, epoch: health._sqlite_time(epoch),
+    "census": lambda health, budget, census: health.thread_census_report(budget, census),
+    "statistics": lambda health: health.handle_get_tool_performance_stats(),
+}
+ABSENT = object()  # as a change: the attribute is deleted
 # What may differ: addresses, file names, and the names of the two host packages.
 OWN = re.compile(r"0x[0-9a-f]+|id='[0-9]+'|<module .*?>|\b(?:module|plain)_world\b")
 
 
-# A host whose services are scripted. Tool "a" has failed once, "b" is from the stored history,
-# and "off" is disabled; a call that may be slow is counted under KEY.
+class Made:
+    """A value that a function makes from the world's things."""
+
+    def __init__(self, make):
+        self.make = make
+
+    def __repr__(self):
+        code = self.make.__code__
+        return f"made at {os.path.basename(code.co_filename)}:{code.co_firstlineno}"
+
+
 class World(hosts.Host):
+    """A host whose services are scripted. Tool "a" has failed once, "b" is from the stored history,
+    and "off" is disabled; a call that may be slow is counted under KEY.
+    """
+
     def __init__(self, name, implementation):
         super().__init__(name, implementation)
         self.world = self
-        self.take(self.health)
+        self.use(self.health)
 
-    def take(self, health):
+    def use(self, health):
+        """Let cases run on this copy of the module."""
         self.health, self.tracker_class = health, health.ToolHealthTracker
         self.clock = health.time = hosts.Clock()
-        self.patched = (health, self.tracker_class, health._ToolState, health._Usage)
-        self.original = [dict(vars(space)) for space in self.patched]
+        self.names, classes = dict(vars(health)), (
+            self.tracker_class, health._ToolState, health._Usage)
+        self.classes = {cls: dict(vars(cls)) for cls in classes}
 
-    # One more copy of the module.
-    @property
-    def copy(self):
-        return self.load(enter=False)
-
-    # Those things of this world that a function's parameters name, if they have no default.
-    def arguments(self, function):
-        wanted = function.__code__.co_argcount - len(function.__defaults__ or ())
-        return [getattr(self, name) for name in function.__code__.co_varnames[:wanted]]
-
-    def call(self, function):
-        return function(*self.arguments(function))
-
-    # Make everything anew, whatever has been patched.
     def reset(self):
-        for space, original in zip(self.patched, self.original):
-            if [*map(id, vars(space).values())] == [*map(id, original.values())]:
-                continue
-            if space is not self.health and self.implementation == hosts.MODULE:
-                self.take(self.load())  # a class that was patched is not known to the module again
-                break
-            for name in vars(space).keys() - original:
-                delattr(space, name)
-            for name, value in original.items():
-                if vars(space).get(name) is not value:
-                    setattr(space, name, value)
-            original.clear()
-            original.update(vars(space))  # in their order now
+        """Make everything anew, whatever has been patched."""
+        vars(self.health).clear()
+        vars(self.health).update(self.names)
+        if any(vars(cls) != members for cls, members in self.classes.items()):
+            self.use(self.load())
         self.clock.__init__()
         self.limits, self.log = hosts.ToolsConfig(1, 1e12), []
         self.rows = [("a", 1, 0, None, None, None), ("b", 2, 2, "x", None, TIME)]
@@ -118,17 +109,48 @@ class World(hosts.Host):
         self.warnings.clear()
         self.clock.reads = 0
 
-    # All that can be seen of a case.
-    def told(self, case):
-        result = hosts.outcome(self.call, case)
-        fields = [(name, hosts.typed(value)) for name, value in vars(self.tracker).items()
-                  if name not in ("_repo", "_limits", "_lock")]
-        seen = {f"tracker.{name}": value for name, value in fields}
-        lock = bare(vars(self.tracker).get("_lock"))
-        seen |= {"result": result, "fields": [name for name, _ in fields], "log": self.log,
-                 "lock held": hosts.is_held(lock), "clock readings": self.clock.reads,
-                 "calls": hosts.typed(self.db.calls), "warnings": self.warnings}
-        return {name: OWN.sub("", repr(value)) for name, value in seen.items()}
+    def change(self, changes):
+        for path, value in changes.items():
+            holder, _, name = path.rpartition(".")
+            holder = operator.attrgetter(holder)(self)
+            if value is ABSENT:
+                delattr(holder, name)
+                continue
+            if isinstance(value, Made):
+                value = self.call(value.make)
+            elif type(value) in (dict, list, set):
+                value = value.copy()  # the case is not over for the other world
+            setattr(holder, name, value)
+
+    def fail(self, number):
+        """The database fails in its next call but so many."""
+        self.db.fail_at = len(self.db.calls) + number
+
+    @property
+    def copy(self):
+        """One more copy of the module."""
+        return self.load(enter=False)
+
+    def arguments(self, function):
+        """What a function's parameters name, if they have no default."""
+        wanted = function.__code__.co_argcount - len(function.__defaults__ or ())
+        return [getattr(self, name) for name in function.__code__.co_varnames[:wanted]]
+
+    def call(self, function):
+        return function(*self.arguments(function))
+
+    def observe(self, case):
+        """A line for each part of what a case comes to and leaves behind."""
+        seen = hosts.outcome(self.call, case)
+        for name, value in vars(self.tracker).items():
+            if name not in ("_repo", "_limits", "_lock"):
+                seen += hosts.parts(f"tracker.{name}", value)
+        lock = unwrap(vars(self.tracker).get("_lock"))
+        for name, value in {"lock held": hosts.is_held(lock), "clock readings": self.clock.reads,
+                            "log": self.log, "calls": self.db.calls, "warnings": self.warnings,
+                            }.items():
+            seen += hosts.parts(name, value)
+        return OWN.sub("", "\n".join(seen))
 
 
 class TwinCase(unittest.TestCase):
@@ -137,43 +159,44 @@ class TwinCase(unittest.TestCase):
         cls.module = cls.enterClassContext(World("module_world", hosts.MODULE))
         cls.plain = cls.enterClassContext(World("plain_world", hosts.PLAIN))
 
-    # Each case comes to the same in both worlds, each time a fresh one.
-    def assertSame(self, *cases, **about):
-        for case in cases:
-            with self.subTest(source(case), **about):
-                seen = []
-                for world in (self.module, self.plain):
-                    world.reset()
-                    seen.append(world.told(case))
-                module, plain = seen
-                if module != plain:
-                    self.fail("\n".join(differences(module, plain)))
+    def assertSame(self, run, *name):
+        """The case of this name comes to the same in both worlds, each made anew."""
+        with self.subTest(", ".join(map(str, name))):
+            seen = []
+            for world in (self.module, self.plain):
+                world.reset()
+                seen.append(world.observe(run))
+            if seen[0] != seen[1]:
+                self.fail("\n".join(differences(*seen)))
 
 
-# A line for each part that differs, from a little before the place where it does.
+def after(changes, operations):
+    """The case that does these operations after changes to the world."""
+    def run(world):
+        world.change(changes)
+        return [hosts.outcome(world.call, OPERATIONS[name]) for name in operations.split()]
+    return run
+
+
 def differences(module, plain):
-    for name in module | plain:
-        one, other = module.get(name, "missing"), plain.get(name, "missing")
-        start = max(0, len(os.path.commonprefix([one, other])) - 40)
+    """A line for each part that differs, from a little before the place where it does."""
+    lines = itertools.zip_longest(module.splitlines(), plain.splitlines(), fillvalue="nothing")
+    for one, other in lines:
         if one != other:
-            yield f"{name}: module ...{one[start:][:160]}, plain ...{other[start:][:160]}"
+            start = max(0, len(os.path.commonprefix([one, other])) - 40)
+            path = other.partition(": ")[0]
+            shown = (f"...{text[start:][:80]} ({len(text)} characters)" for text in (one, other))
+            yield f"{path}: module {next(shown)}, plain {next(shown)}"
 
 
-# The line on which a function begins, to tell it from others.
-def source(function):
-    code = function.__code__
-    return linecache.getline(code.co_filename, code.co_firstlineno).strip()
-
-
-# The thing, with these attributes set.
-def put(thing, **attributes):
+def with_attributes(thing, **attributes):
     for name, value in attributes.items():
         setattr(thing, name, value)
     return thing
 
 
-# What a value stands for that is not what it seems.
-def bare(value):
+def unwrap(value):
+    """What a value stands for that is not what it seems."""
     try:
         return object.__getattribute__(value, "stands_for")
     except AttributeError:
