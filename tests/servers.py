@@ -1,10 +1,8 @@
-# Servers of the sample host for its tests: real ones, each a copy of the package on a directory of
-# its own, spoken to over stdio.
-#
-# In the copy a file that is called "hang", "wait" or "break" is read in its own way, and ripgrep
-# finds one line for the text "slow" and then nothing more, without an end:
-#     asked = client.ask("tools/call", reading("wait"))    # until self.go()
-# A limit that a test cannot wait for is another one in the copy: self.configure(TIME_LIMIT_S=600).
+"""Servers of the sample host: real ones, each a copy of the package on a directory of its own.
+
+In the copy a file called "hang", "wait" (until `self.go()`) or "break" is read in its own way, and
+ripgrep finds one line for the text "slow", and then nothing more, without an end.
+"""
 
 import json
 import os
@@ -20,16 +18,15 @@ from bench import hosts
 from bench.client import Client
 
 FILES = {"action": "files", "pattern": "*.py"}
-SLOW = {"name": "search", "arguments": {"action": "text", "pattern": "slow"}}
+SLOW = {"action": "text", "pattern": "slow"}
 ODD_READS = '''
 import time
 usual = read_file
 
 def read_file(sources, *, path, **rest):
-    base = sources._directory.parent
     if path == "break":
         raise OSError("it broke")
-    while path == "hang" or path == "wait" and not (base / "go").exists():
+    while path == "hang" or path == "wait" and not (sources._directory.parent / "go").exists():
         time.sleep(0.01)
     return usual(sources, path="src/a.py" if path == "wait" else path, **rest)
 '''
@@ -56,16 +53,45 @@ def call(name, arguments, number=7):
     return request("tools/call", id=number, params={"name": name, "arguments": arguments})
 
 
-def reading(path, **more):
-    return {"name": "read_file", "arguments": {"path": path, **more}}
-
-
 def eventually(condition):
     """Wait until it holds."""
     ends_at = time.monotonic() + 60
     while not condition():
         assert time.monotonic() < ends_at, "waited in vain"
         time.sleep(0.01)
+
+
+class Server(Client):
+    """A server and its client."""
+
+    def begin(self, tool="read_file", **arguments):
+        """Call without waiting: the id of the call."""
+        return self.ask("tools/call", {"name": tool, "arguments": arguments})
+
+    def read(self, path="src/a.py"):
+        return self.call("read_file", {"path": path})[1]
+
+    def answer(self, number):
+        """What comes next is the answer to that call: its text, or the error's."""
+        got = self.receive()
+        assert got["id"] == number, got
+        return got["result"]["content"][0]["text"] if "result" in got else got["error"]["message"]
+
+    def cancel(self, *numbers):
+        for number in numbers:
+            self.send(message(method="notifications/cancelled", params={"requestId": number}))
+
+    def data(self, key, tool="status"):
+        return json.loads(self.call(tool, {})[1])[key]
+
+    def counted(self, *columns, tool="search"):
+        """How many calls of the tool were counted under which values of these columns."""
+        rows = next(it["usage"] for it in self.data("perf_stats") if it["tool_name"] == tool)
+        return {tuple(row[column] for column in columns): row["calls"] for row in rows}
+
+    def ends(self):
+        """Its exit status, in a while."""
+        return self.process.wait(30)
 
 
 class ServerCase(unittest.TestCase):
@@ -76,8 +102,7 @@ class ServerCase(unittest.TestCase):
             self.directory.joinpath, names)
         left_out = shutil.ignore_patterns("health.*", "__pycache__")
         shutil.copytree(hosts.CHECKOUT / "sample_host", self.host, ignore=left_out)
-        name = "health.py" if hosts.MODULE.endswith(".py") else Path(hosts.MODULE).name
-        self.module = Path(shutil.copy(hosts.MODULE, self.host / "tool_handlers" / name))
+        self.module = Path(shutil.copy(hosts.MODULE, self.host / "tool_handlers"))
         with (self.host / "tool_handlers/read_file.py").open("a") as handler:
             handler.write(ODD_READS)
         tools.mkdir()
@@ -89,56 +114,38 @@ class ServerCase(unittest.TestCase):
         (self.sources / "src" / "a.py").write_bytes(b"alpha\nbeta\f\r\ngamma\n")
 
     def configure(self, file="config.py", **settings):
+        """Limits that a test cannot wait for, in the copy."""
         with (self.host / file).open("a") as module:
             module.writelines(f"\n{name} = {value}" for name, value in settings.items())
 
     def words(self, **options):
-        options = {"repo": self.sources, "db": self.db, "flush_every": 0.001, **options}
+        options = {"repo": self.sources, "db": self.db, "flush_every": 600} | options
         return [f"--{name.replace('_', '-')}={value}" for name, value in options.items()]
 
     def start(self, stderr=None, **options):
         stderr = stderr or self.enterContext(self.log.open("a"))
-        client = Client(self.host, *self.words(**options), stderr=stderr)
-        self.addCleanup(client.close)
-        self.addCleanup(client.process.kill)
-        return client
+        server = Server(self.host, *self.words(**options), stderr=stderr)
+        self.addCleanup(server.close)
+        self.addCleanup(server.process.kill)
+        return server
 
     def started(self, **options):
         """A server that answers."""
-        client = self.start(**options)
-        client.request("ping", {})
-        return client
+        server = self.start(**options)
+        server.request("ping", {})
+        return server
 
     def go(self):
         (self.directory / "go").touch()
 
-    def assertEnds(self, client, status, *told):
-        """The server ends by itself, with this status and only these words in its log."""
-        self.assertEqual(client.process.wait(30), status, self.log.read_text())
+    def assertLog(self, *told):
+        """Each line of the log holds these words."""
         lines = self.log.read_text().splitlines()
         self.assertEqual(len(lines), len(told), lines)
         for line, words in zip(lines, told):
             self.assertIn(words, line)
 
-    def answer(self, client, number):
-        """What comes next is the answer to that request: its text, or the error's."""
-        got = client.receive()
-        self.assertEqual(got["id"], number, got)
-        return got["result"]["content"][0]["text"] if "result" in got else got["error"]["message"]
-
-    def data(self, client, tool="status", key="perf_stats"):
-        return json.loads(client.call(tool, {})[1])[key]
-
-    def usage(self, client, *columns, tool="search"):
-        """How many calls were counted under which values of these columns."""
-        rows = next(it["usage"] for it in self.data(client) if it["tool_name"] == tool)
-        return {tuple(row[column] for column in columns): row["calls"] for row in rows}
-
-    def cancel(self, client, *asked):
-        for number in asked:
-            client.send(message(method="notifications/cancelled", params={"requestId": number}))
-
-    def searchers(self):
+    def searches(self):
         """Those of the slow searches' processes that are still there."""
         pids = self.pids.read_text().split() if self.pids.exists() else []
         return [pid for pid in pids if Path("/proc", pid).exists()]

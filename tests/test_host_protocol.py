@@ -1,6 +1,4 @@
-# The sample host's conversation: what it is sent and answers, and how a conversation ends.
-# For example, an array of messages is one error, whatever is in it:
-#     client.send(b'[{"jsonrpc": "2.0", "id": 7, "method": "ping"}]')    # -32600, without an id
+"""The sample host's conversation: what it is sent and answers, and how it ends."""
 
 import json
 import os
@@ -10,7 +8,7 @@ import subprocess
 import sys
 import time
 
-from .servers import FILES, SLOW, ServerCase, call, eventually, message, reading, request
+from .servers import FILES, SLOW, ServerCase, call, eventually, message, request
 
 
 class Protocol(ServerCase):
@@ -30,48 +28,48 @@ class Protocol(ServerCase):
             None: [b" ", note.ljust(1 << 20), message(id=7, result={}), message(id=7, error={})]
             + [message(method="ping"), note.replace(b"[5]", b'{"requestId": []}')],
         }
-        client = self.start()
+        server = self.start()
         for error, lines in table.items():
             for line in lines:
                 with self.subTest(line[:80]):
-                    client.send(line + b"\n" + request(id="next"))
+                    server.send(line + b"\n" + request(id="next"))
                     answers = []
-                    while (answer := client.receive())["id"] != "next":
+                    while (answer := server.receive())["id"] != "next":
                         answers.append((answer["id"], answer.get("error", {}).get("code")))
                     self.assertEqual(answers, [error] if error else [])
-        self.assertEqual((client.close(), self.log.read_text()), (0, ""))
+        self.assertEqual((server.close(), self.log.read_text()), (0, ""))
 
     def test_versions(self):
         for asked, version in (("2025-06-18", "2025-06-18"), ("2026-01-01", "2025-11-25"),
                                ("2023-01-01", "2025-11-25"), ("2025-03-26", "2024-11-05")):
             with self.subTest(asked):
-                client = self.start()
+                server = self.start()
                 for expected in (version, None):  # once
-                    client.send(request("initialize", params={"protocolVersion": asked}))
-                    answer = client.receive().get("result", {})
+                    server.send(request("initialize", params={"protocolVersion": asked}))
+                    answer = server.receive().get("result", {})
                     self.assertEqual(answer.get("protocolVersion"), expected)
 
     def test_tools_and_their_data(self):
-        client = self.start()
-        for tool in client.request("tools/list", {})["tools"]:
+        server = self.start()
+        for tool in server.request("tools/list", {})["tools"]:
             arguments = {"search": FILES, "read_file": {"path": "src/a.py"}}.get(tool["name"], {})
             with self.subTest(tool["name"]):
-                client.send(call(tool["name"], arguments))  # the same id again is no obstacle
-                result = client.receive()["result"]
+                server.send(call(tool["name"], arguments))  # the same id again is no obstacle
+                result = server.receive()["result"]
                 promised = tool.get("outputSchema", {"required": ()})["required"]
                 self.assertEqual(set(result.get("structuredContent", ())), set(promised))
 
     def test_ids(self):
         """One in use is refused without an answer under it, and is free after a cancellation."""
-        client = self.start()
+        server = self.start()
         for _ in range(2):
-            client.send(call("read_file", {"path": "hang"}, 1))
-            client.send(call("search", FILES, 1.0))
-            self.assertIn("is running", self.answer(client, None))
-            self.cancel(client, True, "1", "unknown")  # nobody's ids
-            self.cancel(client, 1)
-        client.send(call("search", FILES, 1))
-        self.assertEqual(self.answer(client, 1), "src/a.py")
+            server.send(call("read_file", {"path": "hang"}, 1))
+            server.send(call("search", FILES, 1.0))
+            self.assertIn("is running", server.answer(None))
+            server.cancel(True, "1", "unknown")  # nobody's ids
+            server.cancel(1)
+        server.send(call("search", FILES, 1))
+        self.assertEqual(server.answer(1), "src/a.py")
 
 
 class Ends(ServerCase):
@@ -129,28 +127,28 @@ class Ends(ServerCase):
     def test_clients_that_do_not_read(self):
         """For one that never reads nothing more is taken in; one that has left ends the server."""
         self.configure(GRACE_S=0.5)
-        client, taken = self.started(), 0
-        stdin = client.process.stdin.fileno()
+        server, taken = self.started(), 0
+        stdin = server.process.stdin.fileno()
         os.set_blocking(stdin, False)
         lines = (request("tools/list") + b"\n") * 1000
         while select.select([], [stdin], [], 3)[1] and taken < 4 << 20:
             taken += os.write(stdin, lines)
         self.assertLess(taken, 4 << 20)
-        client.process.terminate()
-        self.assertEqual(client.process.wait(30), 0)
-        client = self.started(flush_every=600)
-        client.process.stdout.close()
-        client.send(call("search", FILES))
-        self.assertEqual(client.process.wait(30), 1)
+        server.process.terminate()
+        self.assertEqual(server.ends(), 0)
+        server = self.started()
+        server.process.stdout.close()
+        server.send(call("search", FILES))
+        self.assertEqual(server.ends(), 1)
         self.assertRegex(self.log.read_text(), r"\A.* ERROR .*can not be answered: .*pipe\n\Z")
         self.assertEqual(self.saved_calls(), 1)
 
     def test_log_that_nobody_reads(self):
         reading_end, writing_end = os.pipe()
-        client = self.start(stderr=writing_end, disable_after_errors=10**6)
+        server = self.start(stderr=writing_end, disable_after_errors=10**6)
         for _ in range(1500):
-            client.call("read_file", {"path": "break"})
-        self.assertEqual(self.usage(client, "outcome", tool="read_file"), {("failed",): 1500})
+            server.read("break")
+        self.assertEqual(server.counted("outcome", tool="read_file"), {("failed",): 1500})
         os.close(reading_end)
         os.close(writing_end)
 
@@ -158,17 +156,17 @@ class Ends(ServerCase):
         """At the end of input they get what is left of their limit; after a signal, a moment."""
         self.configure(TIME_LIMIT_S=3, GRACE_S=1)
         for name, end, expected in (
-                ("end of input", lambda client: client.process.stdin.close(), "no answer in 3 s"),
-                ("SIGTERM", lambda client: client.process.terminate(), "the server ends"),
+                ("end of input", lambda server: server.process.stdin.close(), "no answer in 3 s"),
+                ("SIGTERM", lambda server: server.process.terminate(), "the server ends"),
                 ("SIGHUP", lambda it: it.process.send_signal(signal.SIGHUP), "the server ends")):
             with self.subTest(name):
-                client = self.started(flush_every=600)
-                asked = client.ask("tools/call", reading("hang"))
-                searching = client.ask("tools/call", SLOW)
-                eventually(self.searchers)
-                end(client)
+                server = self.started()
+                asked = server.begin(path="hang")
+                searching = server.begin("search", **SLOW)
+                eventually(self.searches)
+                end(server)
                 told = {answer["id"]: json.dumps(answer) for answer in
-                        (client.receive(), client.receive())}
+                        (server.receive(), server.receive())}
                 self.assertIn(expected, told[asked])
                 self.assertIn("stopped after 3 s" if "input" in name else expected, told[searching])
-                self.assertEqual((client.process.wait(30), self.searchers()), (0, []))
+                self.assertEqual((server.ends(), self.searches()), (0, []))

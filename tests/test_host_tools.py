@@ -1,7 +1,4 @@
-# What the sample host's tools answer, and what they never show: nothing outside the directory.
-# The tables map an answer to the calls that are answered so. For example, a search for a text in
-# files that match a glob:
-#     "src/a.py:3: gamma": [TEXT | {"pattern": "gam", "glob": "src/**"}]
+"""What the sample host's tools answer, and what they never show: what is outside the directory."""
 
 import os
 from pathlib import Path
@@ -62,32 +59,32 @@ class Tools(ServerCase):
             + [{"path": bad} for bad in ("pipe", "src", "", "\0", "\ud800", "x" * 999)],
             "read_file cannot answer this call: ": [{"path": bad} for bad in ("binary", "large")],
         }
-        client = self.start(disable_after_errors=1)
+        server = self.start(disable_after_errors=1)
         for tool, table in (("search", searches), ("read_file", reads)):
             for expected, arguments in ((key, call) for key in table for call in table[key]):
                 with self.subTest(arguments):
-                    is_error, answer = client.call(tool, arguments)
+                    is_error, answer = server.call(tool, arguments)
                     shown = answer[: len(expected)] if is_error else answer
                     self.assertEqual((shown, is_error), (expected, expected[-2:] == ": "))
-        counted = self.usage(client, "action", "outcome", "alias_hit", "slow")
+        counted = server.counted("action", "outcome", "alias_hit", "slow")
         self.assertEqual(counted["text", "ok", True, True], 2)
         self.assertEqual(counted[None, "bad_arguments", False, False], 14)
         self.assertEqual(counted["files", "bad_arguments", False, False], 1)
-        reads = self.usage(client, "outcome", "alias_hit", tool="read_file")
+        reads = server.counted("outcome", "alias_hit", tool="read_file")
         self.assertEqual((reads["call_failed", False], reads["ok", True]), (2, 1))
 
     def test_directory_that_is_replaced_or_gone(self):
         """The tools fail, whatever is at its place, until it is back."""
-        client = self.started(disable_after_errors=100)
+        server = self.started(disable_after_errors=100)
         self.sources.rename(self.directory / "away")
         for name, arguments in (("search", FILES), ("read_file", A_FILE)):
-            self.assertIn("FileNotFoundError", client.call(name, arguments)[1])
+            self.assertIn("FileNotFoundError", server.call(name, arguments)[1])
         self.sources.symlink_to("/etc")
         for name, arguments in (("search", FILES), ("read_file", {"path": "passwd"})):
-            self.assertIn("another directory", client.call(name, arguments)[1])
+            self.assertIn("another directory", server.call(name, arguments)[1])
         self.sources.unlink()
         (self.directory / "away").rename(self.sources)
-        self.assertEqual(client.call("search", FILES), (False, "src/a.py"))
+        self.assertEqual(server.call("search", FILES), (False, "src/a.py"))
 
     def test_times(self):
         collector = TimingCollector()
