@@ -9,8 +9,9 @@ from bench import hosts
 faulthandler.dump_traceback_later(14 * 60, exit=True)
 
 
-# A host package of its own for each test, its module on a scripted clock.
 class HealthCase(unittest.TestCase):
+    """A host package of its own for each test, its module on a scripted clock."""
+
     def setUp(self):
         self.host = self.enterContext(hosts.Host())
         self.health = self.host.health

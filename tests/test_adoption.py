@@ -1,7 +1,8 @@
-# How a host takes the module in: its types, its help, its installation and the documents' code.
-# The documents' code runs in a child process, beside a host that the module was installed into.
-# For example, `follow_the_guide` lets a tool fail as often as the guide's settings allow: its
-# guarded call has to refuse the next one, and after the cooldown to let one in before all others.
+"""How a host takes the module in: its types, its help, its installation and the documents' code.
+The documents' code runs in a child process, beside a host that the module was installed into.
+For example, `follow_the_guide` lets a tool fail as often as the guide's settings allow: its
+guarded call has to refuse the next one, and after the cooldown to let one in before all others.
+"""
 
 import ast
 import asyncio
@@ -46,8 +47,8 @@ def follow(document, package):
         follow_the_guide(guide)
 
 
-# The guarded call does what the guide says of it, before and after a restart.
 def follow_the_guide(guide):
+    """The guarded call does what the guide says of it, before and after a restart."""
     async def at_once(runs):
         return await asyncio.gather(*(guide.call_tool("search", "text", run) for run in runs))
 
@@ -74,15 +75,15 @@ def follow_the_guide(guide):
         guide.settings.disable_cooldown_s = 60
 
 
-# What is left of an answer when its numbers and texts are left out.
 def shape(value):
+    """What is left of an answer when its numbers and texts are left out."""
     if isinstance(value, dict):
         return {key: shape(item) for key, item in value.items()}
     return [shape(item) for item in value] if isinstance(value, list) else type(value).__name__
 
 
-# What a stub tells of a value. Of two answers it knows more than what there is at run time.
 def facts(value):
+    """What a stub tells of a value. Of two answers it knows more than what there is at run time."""
     if isinstance(value, property):
         return facts(value.fget), value.fset
     if inspect.isfunction(value):
@@ -96,8 +97,8 @@ def facts(value):
     return value
 
 
-# The stub, run as if it were the host's module.
 def run_stub(host):
+    """The stub, run as if it were the host's module."""
     stub = {"__name__": host.health.__name__, "__package__": host.health.__package__}
     with mock.patch("typing.type_check_only", lambda marked: marked, create=True):
         exec(compile(STUB.read_text(), STUB, "exec"), stub)
@@ -126,8 +127,8 @@ class Adoption(unittest.TestCase):
                     else:
                         self.assertEqual(facts(stub[name]), facts(real))
 
-    # What type checkers are told of a summary's dictionaries is what these hold.
     def test_types_of_the_summary(self):
+        """What type checkers are told of a summary's dictionaries is what these hold."""
         with hosts.Host() as host:
             stub, tracker = run_stub(host), host.tracker(limits=hosts.ToolsConfig(1))
             tracker.record_error("off", "boom")
@@ -143,8 +144,9 @@ class Adoption(unittest.TestCase):
                 held = {type(dictionary[key]) for dictionary in dictionaries}
                 self.assertEqual(held, set(typing.get_args(hint)) or {hint}, key)
 
-    # A directory with a host package, the sample host's sources, that the module is installed into.
     def install(self, package):
+        """A directory with a host package that the module is installed into.
+        """
         base = Path(self.enterContext(tempfile.TemporaryDirectory()))
         host = base.joinpath(*package.split("."))
         command = "cmake", "--install", MODULE.parent, "--prefix", host

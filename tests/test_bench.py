@@ -1,5 +1,6 @@
-# The benchmark runs, briefly, from another directory, and finds that both of its sides give the
-# same answers.
+"""The benchmark runs, briefly, from another directory, and finds that both of its sides give the
+same answers.
+"""
 
 import json
 import subprocess

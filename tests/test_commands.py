@@ -1,7 +1,8 @@
-# The commands that a newcomer types first, where something is missing or wrong.
-# Each runs with a PATH that holds only what the test puts there: links to a few tools, and shell
-# scripts in the place of others. For example, with a `python3.13` that says that it is 3.12.1
-# `script/bootstrap` has to name its path, its version and the option that names another one.
+"""The commands that a newcomer types first, where something is missing or wrong.
+Each runs with a PATH that holds only what the test puts there: links to a few tools, and shell
+scripts in the place of others. For example, with a `python3.13` that says that it is 3.12.1
+`script/bootstrap` has to name its path, its version and the option that names another one.
+"""
 
 import os
 import shutil
@@ -77,8 +78,8 @@ class Commands(unittest.TestCase):
         self.assertIn("was made for the checkout in /an/older/place", printed)
         self.assertFalse(cache.exists())
 
-    # Whatever fails, the build or the tests, `script/test` says so by its status.
     def test_failures_are_passed_on(self):
+        """Whatever fails, the build or the tests, `script/test` says so by its status."""
         self.put("python3.13", GOOD)
         for cmake, ctest, status in ((0, 0, 0), (1, 0, 1), (0, 8, 8)):
             self.put("cmake", f"exit {cmake}")
@@ -94,8 +95,8 @@ class Commands(unittest.TestCase):
                                env={"PATH": str(self.path)})
         self.assertIn("python3.13 is Python 3.12.1", ended.stderr)
 
-    # An interpreter that was named once is the one that is looked at from then on.
     def test_configured_interpreter(self):
+        """An interpreter that was named once is the one that is looked at from then on."""
         cache = self.checkout / "build/release/CMakeCache.txt"
         cache.parent.mkdir(parents=True)
         named = self.path / "another"
@@ -134,8 +135,8 @@ class Wheel(unittest.TestCase):
             message(FATAL_ERROR "not the module alone")
         endif()"""
 
-    # As a build backend does it: another project adds this one and installs a component.
     def test_host_that_adds_the_directory(self):
+        """As a build backend does it: another project adds this one and installs a component."""
         directory = Path(self.enterContext(tempfile.TemporaryDirectory(prefix="a host ")))
         (directory / "CMakeLists.txt").write_text(self.HOST.format(hosts.CHECKOUT))
         for command in (

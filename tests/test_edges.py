@@ -4,21 +4,18 @@ Outside the line that docs/integration.md draws ("Where it is not like Python co
 differ from plain Python's, but nothing crashes, no error is lost, and the lock is free.
 """
 
-import builtins
 import functools
-import gc
 import os
 import sys
 import threading
 import types
 import unittest
-import weakref
 from unittest import mock
 
 from bench import hosts
 
 from . import HealthCase
-from .worlds import ENTRY, KEY, OPERATIONS, Made, World, with_attributes
+from .worlds import KEY, OPERATIONS, Made, World, with_attributes
 
 
 class OutsideTheLine(HealthCase):
@@ -65,23 +62,6 @@ class OutsideTheLine(HealthCase):
             with self.subTest(name):
                 self.assertEqual(seen[:2], seen[2:])
 
-    def test_dug_out_through_the_collector(self):
-        """The map of loaded counts, found by the collector and given other contents."""
-        class Registry(dict):
-            def get(self, name):
-                for found in gc.get_objects():
-                    if type(found) is dict and found and next(iter(found)) == KEY:
-                        found.clear()
-                        found.update({KEY: 1, short: 2})
-                return super().get(name)
-
-        tracker, entries = self.host.tracker(), [ENTRY, ENTRY | {"action": ""}]
-        self.health.json = types.SimpleNamespace(loads=lambda text: entries)
-        self.health.TOOLS, tracker._repo.db.answers["fetchone"] = Registry(self.health.TOOLS), ("",)
-        for short in ((), (1,), 5, None, "ab"):
-            hosts.outcome(tracker._load_usage)
-            self.assertFalse(tracker._lock.locked())
-
     def test_key_of_the_namespace_that_raises(self):
         class Interrupting(str):
             def __eq__(self, other):
@@ -100,20 +80,6 @@ class OutsideTheLine(HealthCase):
                 names[Interrupting(name)] = None
                 self.assertEqual(hosts.outcome(run), ["raised", "KeyboardInterrupt", name])
                 self.assertFalse(tracker._lock.locked())
-
-    def test_round_in_python(self):
-        """A copy is collected though `round` was a Python function when it was imported."""
-        usual, known = round, []
-
-        def rounding(*args, known=known):
-            return usual(*args)
-
-        with mock.patch.object(builtins, "round", rounding), hosts.Host("rounding") as host:
-            known.append(host.health)
-            dying = weakref.ref(host.health)
-        del host, known, rounding
-        gc.collect()
-        self.assertIsNone(dying())
 
 
 Namespace, AGAIN = types.SimpleNamespace, {"tracker._lock": Made(lambda: threading.RLock())}

@@ -1,7 +1,8 @@
-# Several interpreters, and the end of one: scenes that child processes play without a word.
-# The table SCENES names them all. For example, "subinterpreter while in use" loads the module, then
-# loads and uses a copy in a subinterpreter, ends that one, and uses its own. Afterwards the process
-# has to end by itself, with status 0 and nothing printed.
+"""Several interpreters, and the end of one: scenes that child processes play without a word.
+The table SCENES names them all. For example, "subinterpreter while in use" loads the module, then
+loads and uses a copy in a subinterpreter, ends that one, and uses its own. Afterwards the process
+has to end by itself, with status 0 and nothing printed.
+"""
 
 import _interpreters
 import atexit
@@ -41,8 +42,8 @@ def copy(name="org.host", meanwhile=int):
         use(operations(host.health, host.tracker(limits=hosts.ToolsConfig(1))))
 
 
-# A legacy interpreter shares the lock of the one that makes it.
 def subinterpreter(kind="legacy", code=PLAY("copy"), refusal=None):
+    """A legacy interpreter shares the lock of the one that makes it."""
     interpreter = _interpreters.create(kind)
     error = _interpreters.run_string(interpreter, code)
     _interpreters.destroy(interpreter)
@@ -55,8 +56,9 @@ class Last:
             use(self.operations)
 
 
-# The module is in a cycle that nothing breaks, and used by an exit handler and by a destructor.
 def end_in_use():
+    """The module is in a cycle that nothing breaks, and used by an exit handler and a destructor.
+    """
     host = hosts.Host()
     host.health.keeps = tracker = host.tracker()
     sys.modules["last"] = last = Last()
@@ -65,8 +67,8 @@ def end_in_use():
     atexit.register(use, last.operations)
 
 
-# Threads in every operation, half of them waiting for a lock that is never released.
 def end_with_daemon_threads():
+    """Threads in every operation, half of them waiting for a lock that is never released."""
     host = hosts.Host()
     host.health.is_slow_call = lambda tool, action: time.sleep(0.001)
     database = hosts.Database(fetchall=(), fetchone=None, execute=None, executemany=None)

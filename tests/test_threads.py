@@ -1,7 +1,8 @@
-# Eight threads at once on one tracker, with a real database that fails now and then.
-#
-# Six report calls, one flushes, one summarises. For example, what the six have counted has to be in
-# memory to the last call, and after a restart in the database, however often a write has failed.
+"""Eight threads at once on one tracker, with a real database that fails now and then.
+
+Six report calls, one flushes, one summarises. For example, what the six have counted has to be in
+memory to the last call, and after a restart in the database, however often a write has failed.
+"""
 
 import contextlib
 import random

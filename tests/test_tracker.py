@@ -1,12 +1,13 @@
-# What a tracker is for, by example: disabling and the cooldown, counting, the summary, and a
-# history that outlives restarts and failing databases.
-#
-# The expected values stand here as such; the other tests compare with plain Python. For example,
-# three errors in a row disable a tool, until 60 seconds later somebody asks for it:
-#
-#     tracker.record_error("a", "E")      # three times, at the second 0
-#     tracker.is_disabled("a")            # (True, "E") up to the second 59.999
-#     tracker.is_disabled("a")            # (False, None) at the second 60
+"""What a tracker is for, by example: disabling and the cooldown, counting, the summary, and a
+history that outlives restarts and failing databases.
+
+The expected values stand here as such; the other tests compare with plain Python. For example,
+three errors in a row disable a tool, until 60 seconds later somebody asks for it:
+
+    tracker.record_error("a", "E")      # three times, at the second 0
+    tracker.is_disabled("a")            # (True, "E") up to the second 59.999
+    tracker.is_disabled("a")            # (False, None) at the second 60
+"""
 
 import dataclasses
 import sqlite3
@@ -54,15 +55,19 @@ class Calls(HealthCase):
                 self.assertEqual((seen, (*found[:3], *times, found[5])), (answers, record))
                 self.assertEqual(tracker._dirty, {"a"} if marked else set())
 
-    # Most errors first, then most calls; in a tool's rows most calls first, then the key's texts.
     def test_summary(self):
+        """Most errors first, then most calls; a tool's rows most calls first, then by the texts of
+        action and outcome.
+        """
         tracker, state = self.host.tracker(limits=hosts.ToolsConfig(3, 5)), self.health._ToolState
         tracker._state |= {"few": state(10, 2), "gamma": state(100, 0), "many": state(50, 2)}
         for _ in range(3):
             tracker.record_error("off", "boom")
         self.clock.now += 100
-        for action, alias_hit in (("text", False), (None, True), (None, False), ("text", False)):
-            tracker.record_call("used", action, "ok", alias_hit=alias_hit, duration_ms=10)
+        for action, outcome, alias_hit in (
+                ("text", "ok", False), ("zeta", "failed", False), ("eta", "ok", False),
+                (None, "ok", True), (None, "ok", False), ("text", "ok", False)):
+            tracker.record_call("used", action, outcome, alias_hit=alias_hit, duration_ms=10)
         summary = tracker.get_health_summary()
         order = [record["tool_name"] for record in summary]
         self.assertEqual(order, ["off", "many", "few", "gamma", "used"])
@@ -72,7 +77,16 @@ class Calls(HealthCase):
         rows = [tuple(row.values()) for row in summary[-1]["usage"]]
         self.assertEqual(rows, [
             ("text", "ok", False, 2, 10.0, True), (None, "ok", False, 1, 10.0, False),
-            (None, "ok", True, 1, 10.0, False)])
+            (None, "ok", True, 1, 10.0, False), ("eta", "ok", False, 1, 10.0, False),
+            ("zeta", "failed", False, 1, 10.0, False)])
+
+    def test_kept_error(self):
+        """Its first 500 characters, and an empty text for none."""
+        tracker = self.host.tracker(limits=hosts.ToolsConfig(1))
+        for error, kept in (("é" * 501, "é" * 500), ("x" * 500, "x" * 500), ("", ""), (None, "")):
+            with self.subTest(error):
+                tracker.record_error("a", error)
+                self.assertEqual(tracker.is_disabled("a"), (True, kept))
 
 
 class History(HealthCase):
@@ -99,8 +113,8 @@ class History(HealthCase):
             '"timed_calls":1,"total_ms":0.062},{"tool":"a","action":"text","outcome":"ok",'
             '"alias_hit":true,"calls":1,"timed_calls":1,"total_ms":3.0}]'))])
 
-    # Whichever statement fails, nothing counted is lost, and a tool that is gone stays gone.
     def test_restart_after_each_statement_failed(self):
+        """Whichever statement fails, nothing counted is lost; a tool that is gone stays gone."""
         for fail_at in range(8):
             with self.subTest(fail_at=fail_at), tempfile.TemporaryDirectory() as folder:
                 file = Path(folder, "history.db")
@@ -121,8 +135,10 @@ class History(HealthCase):
                     except sqlite3.OperationalError:
                         failed += 1
                 tracker.flush()
-                seen = len(self.host.warnings), failed
-                self.assertEqual(seen, (fail_at in (1, 2, 3), fail_at > 3))
+                warned = [text % arguments for text, arguments in self.host.warnings]
+                lost = {1: "health history", 2: "health history", 3: "usage counts"}.get(fail_at)
+                told = [f"Could not read the tool {lost}: injected"] if lost else []
+                self.assertEqual((warned, failed), (told, fail_at > 3))
                 again = self.host.tracker(self.host.database(file))
                 for record in tracker._state.values():
                     record.consecutive_errors = 0
