@@ -55,7 +55,7 @@ class Clock:
     def time(self):
         self.reads += 1
         if isinstance(self.now, BaseException):
-            raise self.now
+            raise self.now.with_traceback(None)  # or that would grow
         return self.now
 
 
@@ -67,8 +67,8 @@ class LockHeld(BaseException):
 class Database:
     """The methods that a tracker calls; ``calls`` keeps every call in order.
 
-    ``answers`` says by method what a call does: an exception is raised, a callable is called, and
-    anything else is the result. The call whose number is ``fail_at``, counted from 1, raises
+    ``answers`` says by method what a call comes to: a callable is called for it, an exception is
+    raised. The call whose number is ``fail_at``, counted from 1, raises
     sqlite3.OperationalError.
     """
 
@@ -87,9 +87,11 @@ class Database:
         if len(self.calls) == self.fail_at:
             raise sqlite3.OperationalError("injected")
         answer = self.answers[method]
+        if callable(answer):
+            answer = answer(*arguments)
         if isinstance(answer, BaseException):
-            raise answer
-        return answer(*arguments) if callable(answer) else answer
+            raise answer.with_traceback(None)  # or that would grow
+        return answer
 
 
 def is_held(lock):
@@ -215,9 +217,9 @@ def outcome(function, *args, **kwargs):
     try:
         return [*parts("result", function(*args, **kwargs))]
     except BaseException as error:
-        told = ["raised", type(error).__name__, str(error)]
+        told = [f"raised: {type(error).__name__}: {error}"]
         if isinstance(error, NameError):
-            told.append(str(error.name))
+            told.append(f"name: {error.name}")
         while error := error.__context__:
-            told.append(type(error).__name__)
+            told.append(f"during: {type(error).__name__}")
         return told

@@ -1,7 +1,5 @@
-"""What the module is not promised to follow, and what once crashed or lost an error.
-
-Outside the line that docs/integration.md draws ("Where it is not like Python code") an answer may
-differ from plain Python's, but nothing crashes, no error is lost, and the lock is free.
+"""Outside the line that docs/integration.md draws ("Where it is not like Python code") an answer
+may differ from plain Python's, but nothing crashes, no error is lost, and the lock is free.
 """
 
 import functools
@@ -44,7 +42,6 @@ class OutsideTheLine(HealthCase):
     def test_entries_exchanged_during_a_summary(self):
         """It lists the tools and rows of the instant at which it took the lock."""
         for name, change in {
-                "moved": lambda tracker: tracker._usage.update([tracker._usage.popitem()]),
                 "added": lambda tracker: tracker._usage.update({
                     ("z", None, "", 0): self.health._Usage(1)}),
                 "cleared": lambda tracker: tracker._state.clear(),
@@ -78,7 +75,7 @@ class OutsideTheLine(HealthCase):
             with self.subTest(name), mock.patch.dict(names):
                 names.pop(name, None)
                 names[Interrupting(name)] = None
-                self.assertEqual(hosts.outcome(run), ["raised", "KeyboardInterrupt", name])
+                self.assertEqual(hosts.outcome(run), [f"raised: KeyboardInterrupt: {name}"])
                 self.assertFalse(tracker._lock.locked())
 
 
@@ -112,7 +109,8 @@ class Recursion(unittest.TestCase):
         for operation, changes in ENDLESS:
             def run():
                 for _ in range(50):
-                    seen.append(hosts.outcome(world.call, OPERATIONS[operation])[:2])
+                    (told, *_) = hosts.outcome(world.call, OPERATIONS[operation])
+                    seen.append(told.split(": ")[1])
 
             with self.subTest(operation, after=changes):
                 world.reset()
@@ -120,7 +118,7 @@ class Recursion(unittest.TestCase):
                 seen, thread = [], threading.Thread(target=run)
                 thread.start()
                 thread.join()
-                self.assertEqual(seen, [["raised", "RecursionError"]] * 50)
+                self.assertEqual(seen, ["RecursionError"] * 50)
                 self.assertFalse(hosts.is_held(world.tracker._lock))
 
     def test_recursion_limit(self):

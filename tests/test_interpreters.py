@@ -1,45 +1,42 @@
 """Several interpreters, and the end of one: scenes that child processes play without a word.
-The table SCENES names them all. For example, "subinterpreter while in use" loads the module, then
-loads and uses a copy in a subinterpreter, ends that one, and uses its own. Afterwards the process
-has to end by itself, with status 0 and nothing printed.
+
+For example, "subinterpreter while in use" uses the module, then a copy in a subinterpreter, ends
+that one, and uses its own again.
 """
 
 import _interpreters
 import atexit
 import contextlib
 import itertools
+import sqlite3
 import sys
 import threading
 import time
+import types
 import unittest
 
 from bench import hosts
 
 from . import children
+from .worlds import OPERATIONS, World
 
 PLAY = "from tests import test_interpreters; test_interpreters.SCENES[{!r}]()".format
 LOAD = "import sys; sys.path.insert(0, 'bench'); import hosts; hosts.Host()"
 REFUSAL = "module host.tool_handlers.health does not support loading in subinterpreters"
 
 
-def operations(health, tracker):
-    return (lambda: tracker.record_call("a", "text", "ok", alias_hit=False, duration_ms=2.5),
-            lambda: tracker.record_success("a"), lambda: tracker.record_error("a", "boom"),
-            lambda: tracker.is_disabled("a"), lambda: tracker.has_unsaved_changes,
-            tracker.get_health_summary, tracker.flush, lambda: type(tracker)(tracker._repo),
-            health.handle_get_tool_performance_stats, lambda: health.thread_census_report(5),
-            lambda: health._epoch(health._sqlite_time(1.7e9)), lambda: health._known("a", "text"))
-
-
-def use(operations):
-    for operation in operations:
-        operation()
+def use(world):
+    world.reset()
+    for operation in OPERATIONS.values():
+        with contextlib.suppress(sqlite3.OperationalError):  # which two of them ask for
+            world.call(operation)
 
 
 def copy(name="org.host", meanwhile=int):
-    with hosts.Host(name) as host:
+    with World(name, hosts.MODULE) as world:
+        use(world)
         meanwhile()
-        use(operations(host.health, host.tracker(limits=hosts.ToolsConfig(1))))
+        use(world)
 
 
 def subinterpreter(kind="legacy", code=PLAY("copy"), refusal=None):
@@ -53,32 +50,39 @@ def subinterpreter(kind="legacy", code=PLAY("copy"), refusal=None):
 class Last:
     def __del__(self):
         with contextlib.suppress(ImportError):  # so late, Python can import nothing for datetime
-            use(self.operations)
+            use(self.world)
 
 
 def end_in_use():
     """The module is in a cycle that nothing breaks, and used by an exit handler and a destructor.
     """
-    host = hosts.Host()
-    host.health.keeps = tracker = host.tracker()
+    world = World("host", hosts.MODULE)
+    use(world)
+    world.health.keeps, world.tracker.keeps = world.tracker, world
     sys.modules["last"] = last = Last()
-    last.operations = tracker.keeps = operations(host.health, tracker)
-    use(last.operations)
-    atexit.register(use, last.operations)
+    last.world = world
+    atexit.register(use, world)
 
 
 def end_with_daemon_threads():
     """Threads in every operation, half of them waiting for a lock that is never released."""
-    host = hosts.Host()
-    host.health.is_slow_call = lambda tool, action: time.sleep(0.001)
-    database = hosts.Database(fetchall=(), fetchone=None, execute=None, executemany=None)
-    free, held = host.tracker(database, hosts.ToolsConfig(1, 0.0)), host.tracker(database)
-    database.tracker = None  # or it would see a lock that another thread holds
-    held._lock.acquire()
+    def for_ever(world, run):
+        while True:
+            with contextlib.suppress(BaseException):
+                world.call(run)
+
     sys.setswitchinterval(1e-5)
-    for operation in operations(host.health, free) + operations(host.health, held):
-        forever = itertools.repeat(operation)
-        threading.Thread(target=use, args=(forever,), daemon=True).start()
+    for name in ("free", "held"):
+        world, lock = World(name, hosts.MODULE), threading.Lock()
+        world.reset()
+        world.health.is_slow_call = lambda tool, action: time.sleep(0.001)
+        world.health.threading = types.SimpleNamespace(Lock=lambda lock=lock: lock)
+        world.db.tracker = None  # or it would find the lock held by another thread
+        world.tracker._lock = lock
+        if name == "held":
+            lock.acquire()
+        for run in OPERATIONS.values():
+            threading.Thread(target=for_ever, args=(world, run), daemon=True).start()
     time.sleep(0.3)
 
 

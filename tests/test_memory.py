@@ -1,12 +1,8 @@
-"""Memory: every allocation of every operation fails once, and no operation leaves anything behind.
-
-An operation runs again and again, and memory gives out one allocation later every time: for good,
-or for a burst of allocations. It has to succeed or raise MemoryError, with the lock free and no
-mark without a record; and with memory again it has to work.
+"""Memory: each allocation of every operation fails in turn, alone or with those that follow, and no
+operation leaves anything behind.
 """
 
 import _imp
-import contextlib
 import dataclasses
 import functools
 import gc
@@ -20,7 +16,8 @@ import weakref
 
 from bench import hosts
 
-from . import children, test_like_python
+from . import children
+from .test_like_python import CALLS, VALUES
 from .worlds import ENTRY, OPERATIONS, STATISTICS, TIME, World
 
 TOOLS = [f"tool {number:02}" for number in range(12)]  # more than a new set or dictionary holds
@@ -31,14 +28,13 @@ CONSTRUCTION = {
 }
 USE = {name: run for name, run in OPERATIONS.items() if name != "construction"}
 IMPORT = {"import": lambda spec: _imp.exec_dynamic(_imp.create_dynamic(spec))}
-# What may come out besides MemoryError, and the interpreter's own words where it has no memory for
-# a lock or a traceback.
-EXPECTED = (type(None), TypeError, ValueError)
+EXPECTED = (type(None), TypeError, ValueError)  # with memory
+# The interpreter's own words where it has no memory for a lock or a traceback.
 INTERPRETERS_OWN = ("can't allocate lock", "error return without exception set")
 
 
 class BuiltinServices(World):
-    """Services are builtin methods: functions in Python have allocations of their own to fail."""
+    """Services are builtin methods: functions in Python have allocations of their own."""
 
     def reset(self):
         super().reset()
@@ -71,17 +67,12 @@ class BuiltinServices(World):
             execute=self.written.__setitem__, executemany=self.written.__setitem__))
 
 
-def decorator(slots):
-    """In the place of `dataclass`, which makes functions: CPython 3.13.0 crashes when it cannot."""
-    return same
-
-
 def same(record):
     return record
 
 
 def attempt(operation, arguments, first, last):
-    """What an operation raises. Short: CPython 3.13 unwinds long code in circles without memory."""
+    """What it raises. Short: CPython 3.13 unwinds long code in circles without memory."""
     import _testcapi
     error = None
     _testcapi.set_nomemory(first, last)
@@ -95,7 +86,6 @@ def attempt(operation, arguments, first, last):
 
 
 def faults(tracker, error):
-    """What is wrong after an operation whose memory failed."""
     if tracker._lock.locked():
         yield "the lock is held"
     if not isinstance(error, (MemoryError, *EXPECTED)) and str(error) not in INTERPRETERS_OWN:
@@ -105,21 +95,22 @@ def faults(tracker, error):
 
 
 def sweep(operations, burst):
-    """Each operation, with so many failing allocations (0: all) that begin one later every time.
-    Prints what is wrong.
+    """Each operation, with so many failing allocations (0: all) that begin one later every time; it
+    succeeds or raises MemoryError, and works again with memory. Prints what is wrong.
     """
     with BuiltinServices("swept", hosts.MODULE) as world:
-        dataclasses.dataclass = decorator
+        # The usual one makes functions: CPython 3.13.0 crashes when it cannot.
+        dataclasses.dataclass = lambda slots: same
         for name, operation in operations.items():
             clean, first = 0, 0
-            while clean < 20:  # that many in a row: not just allocations that can be done without
+            while clean < 20:  # in a row: some allocations can be done without
                 world.reset()
                 arguments = world.arguments(operation)
                 error = attempt(operation, arguments, first, burst and first + burst)
                 wrong = [*faults(world.tracker, error)]
                 errors = error, *world.logged.values()
                 clean = clean + 1 if all(isinstance(it, EXPECTED) for it in errors) else 0
-                gc.collect(0)  # looks at whatever a half-made tracker has left
+                gc.collect(0)  # looks at what a half-made tracker has left
                 again = attempt(operation, arguments, 1 << 30, 0)
                 if not isinstance(again, EXPECTED):
                     wrong.append(f"it fails afterwards: {again!r}")
@@ -142,14 +133,14 @@ class Allocations(unittest.TestCase):
 
 class Leaks(unittest.TestCase):
     def assertSteady(self, run, rounds, allowed, *kinds):
-        """Rounds leave no memory blocks and no references behind, but for what is allowed each."""
+        """Rounds leave no memory blocks and references behind but what each is allowed."""
         def held():
             while gc.collect():
                 pass  # a class can go only after its last instance has gone
             references = getattr(sys, "gettotalrefcount", int)()
             return [sys.getallocatedblocks(), references, *map(sys.getrefcount, kinds)]
 
-        for _ in range(5):  # more than once, for what the interpreter keeps of the first times
+        for _ in range(30):  # more than once, for what the interpreter keeps of the first times
             before = held()
             for _ in range(rounds):
                 run()
@@ -159,15 +150,19 @@ class Leaks(unittest.TestCase):
         self.fail(f"blocks, references and those of the classes grew by {grown}")
 
     def test_operations(self):
+        cases = {place: (OPERATIONS, [{place: value} for value in values])
+                 for place, values in VALUES.items()} | {"calls": (CALLS, [{}])}
         with World("leaking", hosts.MODULE) as world:
-            for name, case in (OPERATIONS | test_like_python.CASES).items():
+            for name, (operations, all_changes) in cases.items():
                 def run():
-                    world.reset()
-                    with contextlib.suppress(Exception):
-                        world.call(case)
+                    for changes in all_changes:
+                        world.reset()
+                        world.change(changes)
+                        for operation in operations.values():
+                            hosts.outcome(world.call, operation)
 
                 with self.subTest(name):
-                    self.assertSteady(run, 300, 0.5, *world.classes, state_type(world.health))
+                    self.assertSteady(run, 60, 0.9, *world.classes, state_type(world.health))
 
     def test_imports_do_not_pile_up(self):
         def run():

@@ -1,7 +1,7 @@
 """Eight threads at once on one tracker, with a real database that fails now and then.
 
-Six report calls, one flushes, one summarises. For example, what the six have counted has to be in
-memory to the last call, and after a restart in the database, however often a write has failed.
+What six have reported is in memory to the last call while one flushes and one summarises, and in
+the database after a restart, however often a write has failed.
 """
 
 import contextlib
@@ -16,7 +16,7 @@ from bench import hosts
 
 from . import HealthCase
 
-ROUNDS, TOOLS, REPORTERS = 400, "abc", 6
+ROUNDS, REPORTERS = 400, 6
 
 
 class Threads(HealthCase):
@@ -24,23 +24,20 @@ class Threads(HealthCase):
         self.addCleanup(sys.setswitchinterval, sys.getswitchinterval())
         sys.setswitchinterval(1e-6)
         file = Path(self.enterContext(tempfile.TemporaryDirectory()), "history.db")
-        db, dice, reports = self.host.database(file), random.Random(7), []
+        db, reports = self.host.database(file), []
         tracker = self.host.tracker(db, hosts.ToolsConfig(5, 0.0))
         db.tracker = None  # or it would find the lock held by the other threads
         self.health.TOOLS["c"] = self.health.TOOLS["a"]
 
         def failing(write, *call):
-            if dice.random() < 0.4:
+            if random.random() < 0.4:
                 raise sqlite3.OperationalError("injected")
             return write(*call)
 
         def report(number):
             for turn in range(ROUNDS):
-                name = TOOLS[(turn + number) % 3]
-                if turn % 2:
-                    tracker.record_error(name, f"{number}")
-                else:
-                    tracker.record_success(name)
+                name = "abc"[(turn + number) % 3]
+                tracker.record_error(name, "E") if turn % 2 else tracker.record_success(name)
                 tracker.record_call(name, "text", "ok", alias_hit=number > 3, duration_ms=0.25)
                 tracker.is_disabled(name)
 

@@ -1,12 +1,6 @@
-"""What a tracker is for, by example: disabling and the cooldown, counting, the summary, and a
-history that outlives restarts and failing databases.
-
-The expected values stand here as such; the other tests compare with plain Python. For example,
-three errors in a row disable a tool, until 60 seconds later somebody asks for it:
-
-    tracker.record_error("a", "E")      # three times, at the second 0
-    tracker.is_disabled("a")            # (True, "E") up to the second 59.999
-    tracker.is_disabled("a")            # (False, None) at the second 60
+"""What a tracker is for, with the expected values as such, where the other tests compare with plain
+Python: disabling and the cooldown, the summary, and a history that outlives restarts and failing
+databases.
 """
 
 import dataclasses

@@ -1,14 +1,12 @@
 """The same case in two worlds, that of the module and that of its twin in plain Python.
 
-What a case returns or raises and what it leaves behind must be the same in both worlds, so
-bench/plain.py changes with a rule. A case is a function, and what its parameters name is taken from
-the world: the module as `health`, a tracker with a history as `tracker`, its class, its clock, and
-so on. Or it is operations by their names after changes by their places:
+What a case comes to and leaves behind must be the same in both, so bench/plain.py changes with a
+rule. A case is a function whose parameters name things of the world: the module is `health`, a
+tracker with a history `tracker`. Or it is operations by their names after changes by their places:
 
     ("summary flush", {"record.error_count": 5, "tracker._usage": Made(lambda counts: {9: counts})})
 """
 
-import itertools
 import json
 import operator
 import os
@@ -22,13 +20,13 @@ KEY = ("a", "text", "ok", False)
 TIME = "2023-11-14 22:13:20"
 ENTRY = {"tool": "a", "action": "text", "outcome": "ok", "alias_hit": False, "calls": 5,
          "timed_calls": 2, "total_ms": 6.25}
-DOCUMENT = json.dumps([ENTRY, ENTRY | {"tool": "gone"}])
+DOCUMENT = json.dumps([ENTRY, ENTRY | {"alias_hit": True}, ENTRY | {"tool": "gone"}])
 STATISTICS = ("name", "count", "avg_ms", "p95_ms", "min_ms", "max_ms", "errors")
-NEW = {"action": None, "outcome": "ok", "alias_hit": True, "duration_ms": None}
 OPERATIONS = {
     "record_call": lambda tracker, tool, duration_ms: tracker.record_call(
         tool, "text", "ok", alias_hit=False, duration_ms=duration_ms),
-    "record_new_call": lambda tracker: tracker.record_call("new", **NEW),
+    "record_new_call": lambda tracker: tracker.record_call(
+        "new", None, "ok", alias_hit=True, duration_ms=None),
     "record_success": lambda tracker, tool: tracker.record_success(tool),
     "record_new_success": lambda tracker: tracker.record_success("new"),
     "record_error": lambda tracker, tool, error: tracker.record_error(tool, error),
@@ -51,8 +49,7 @@ OPERATIONS = {
     "statistics": lambda health: health.handle_get_tool_performance_stats(),
 }
 ABSENT = object()  # as a change: the attribute is deleted
-# What may differ: addresses, file names, and the names of the two host packages.
-OWN = re.compile(r"0x[0-9a-f]+|id='[0-9]+'|<module .*?>|\b(?:module|plain)_world\b")
+MAY_DIFFER = re.compile(r"0x[0-9a-f]+|id='[0-9]+'|<module .*?>|\b(?:module|plain)_world\b")
 
 
 class Made:
@@ -63,12 +60,12 @@ class Made:
 
     def __repr__(self):
         code = self.make.__code__
-        return f"made at {os.path.basename(code.co_filename)}:{code.co_firstlineno}"
+        return f"made at {code.co_filename.rpartition('/')[2]}:{code.co_firstlineno}"
 
 
 class World(hosts.Host):
-    """A host whose services are scripted. Tool "a" has failed once, "b" is from the stored history,
-    and "off" is disabled; a call that may be slow is counted under KEY.
+    """Tool "a" has failed once, "b" is from the history, and "off" is disabled; a call that may be
+    slow is counted under KEY.
     """
 
     def __init__(self, name, implementation):
@@ -77,7 +74,6 @@ class World(hosts.Host):
         self.use(self.health)
 
     def use(self, health):
-        """Let cases run on this copy of the module."""
         self.health, self.tracker_class = health, health.ToolHealthTracker
         self.clock = health.time = hosts.Clock()
         self.names, classes = dict(vars(health)), (
@@ -94,7 +90,7 @@ class World(hosts.Host):
         self.limits, self.log = hosts.ToolsConfig(1, 1e12), []
         self.rows = [("a", 1, 0, None, None, None), ("b", 2, 2, "x", None, TIME)]
         self.row = (DOCUMENT,)
-        self.tool, self.error, self.duration_ms = "a", "boom", 2.5  # arguments of the operations
+        self.tool, self.error, self.duration_ms = "a", "boom", 2.5
         self.text, self.epoch, self.budget = TIME, 1.7e9, 5
         self.census = hosts.ThreadCensus(None, 12, {"pool": 11})
         self.timings = [dict.fromkeys(STATISTICS, number) for number in range(2)]
@@ -113,26 +109,21 @@ class World(hosts.Host):
         for path, value in changes.items():
             holder, _, name = path.rpartition(".")
             holder = operator.attrgetter(holder)(self)
-            if value is ABSENT:
-                delattr(holder, name)
-                continue
             if isinstance(value, Made):
                 value = self.call(value.make)
             elif type(value) in (dict, list, set):
-                value = value.copy()  # the case is not over for the other world
-            setattr(holder, name, value)
+                value = value.copy()  # the other world's turn is to come
+            delattr(holder, name) if value is ABSENT else setattr(holder, name, value)
 
     def fail(self, number):
-        """The database fails in its next call but so many."""
+        """The database's call of that number, from now on, fails."""
         self.db.fail_at = len(self.db.calls) + number
 
     @property
     def copy(self):
-        """One more copy of the module."""
         return self.load(enter=False)
 
     def arguments(self, function):
-        """What a function's parameters name, if they have no default."""
         wanted = function.__code__.co_argcount - len(function.__defaults__ or ())
         return [getattr(self, name) for name in function.__code__.co_varnames[:wanted]]
 
@@ -140,17 +131,16 @@ class World(hosts.Host):
         return function(*self.arguments(function))
 
     def observe(self, case):
-        """A line for each part of what a case comes to and leaves behind."""
+        """A line for each part that can be compared."""
         seen = hosts.outcome(self.call, case)
         for name, value in vars(self.tracker).items():
             if name not in ("_repo", "_limits", "_lock"):
                 seen += hosts.parts(f"tracker.{name}", value)
         lock = unwrap(vars(self.tracker).get("_lock"))
-        for name, value in {"lock held": hosts.is_held(lock), "clock readings": self.clock.reads,
-                            "log": self.log, "calls": self.db.calls, "warnings": self.warnings,
-                            }.items():
-            seen += hosts.parts(name, value)
-        return OWN.sub("", "\n".join(seen))
+        seen += hosts.parts("left", {
+            "lock held": hosts.is_held(lock), "clock readings": self.clock.reads,
+            "log": self.log, "calls": self.db.calls, "warnings": self.warnings})
+        return MAY_DIFFER.sub("", "\n".join(seen))
 
 
 class TwinCase(unittest.TestCase):
@@ -160,14 +150,14 @@ class TwinCase(unittest.TestCase):
         cls.plain = cls.enterClassContext(World("plain_world", hosts.PLAIN))
 
     def assertSame(self, run, *name):
-        """The case of this name comes to the same in both worlds, each made anew."""
+        """The case comes to the same in both worlds."""
         with self.subTest(", ".join(map(str, name))):
             seen = []
             for world in (self.module, self.plain):
                 world.reset()
                 seen.append(world.observe(run))
             if seen[0] != seen[1]:
-                self.fail("\n".join(differences(*seen)))
+                self.fail("\n".join(differences(*seen)) or "the order of the parts differs")
 
 
 def after(changes, operations):
@@ -179,12 +169,13 @@ def after(changes, operations):
 
 
 def differences(module, plain):
-    """A line for each part that differs, from a little before the place where it does."""
-    lines = itertools.zip_longest(module.splitlines(), plain.splitlines(), fillvalue="nothing")
-    for one, other in lines:
+    """A line for each part that differs, shown from a little before the place where it does."""
+    both = [dict(line.partition(": ")[::2] for line in seen.splitlines())
+            for seen in (module, plain)]
+    for path in both[0] | both[1]:
+        one, other = (seen.get(path, "nothing") for seen in both)
         if one != other:
             start = max(0, len(os.path.commonprefix([one, other])) - 40)
-            path = other.partition(": ")[0]
             shown = (f"...{text[start:][:80]} ({len(text)} characters)" for text in (one, other))
             yield f"{path}: module {next(shown)}, plain {next(shown)}"
 
@@ -196,7 +187,7 @@ def with_attributes(thing, **attributes):
 
 
 def unwrap(value):
-    """What a value stands for that is not what it seems."""
+    """What an object stands for that is in another's place."""
     try:
         return object.__getattribute__(value, "stands_for")
     except AttributeError:
