@@ -1,4 +1,4 @@
-"""Servers of the sample host: real ones, each a copy of the package on a directory of its own.
+"""Real servers of the sample host, each a copy of the package on a directory of its own.
 
 In the copy a file called "hang", "wait" (until `self.go()`) or "break" is read in its own way, and
 ripgrep finds one line for the text "slow", and then nothing more, without an end.
@@ -35,7 +35,7 @@ case "$*" in *"-e slow"*)
     echo $$ >> {pids}
     echo '{{"type": "match", "data": {{"path": {{"text": "a"}}, "lines": {{"text": "slow"}},' \\
         '"line_number": 1, "submatches": [{{"start": 0}}]}}}}'
-    exec sleep 600 ;;
+    exec sleep 600
 esac
 exec {rg} "$@"
 '''
@@ -54,7 +54,6 @@ def call(name, arguments, number=7):
 
 
 def eventually(condition):
-    """Wait until it holds."""
     ends_at = time.monotonic() + 60
     while not condition():
         assert time.monotonic() < ends_at, "waited in vain"
@@ -103,8 +102,7 @@ class ServerCase(unittest.TestCase):
         left_out = shutil.ignore_patterns("health.*", "__pycache__")
         shutil.copytree(hosts.CHECKOUT / "sample_host", self.host, ignore=left_out)
         self.module = Path(shutil.copy(hosts.MODULE, self.host / "tool_handlers"))
-        with (self.host / "tool_handlers/read_file.py").open("a") as handler:
-            handler.write(ODD_READS)
+        self.append("tool_handlers/read_file.py", ODD_READS)
         tools.mkdir()
         (tools / "rg").write_text(ODD_RIPGREP.format(pids=self.pids, rg=shutil.which("rg")))
         (tools / "rg").chmod(0o755)
@@ -113,10 +111,14 @@ class ServerCase(unittest.TestCase):
         (self.sources / "src").mkdir(parents=True)
         (self.sources / "src" / "a.py").write_bytes(b"alpha\nbeta\f\r\ngamma\n")
 
-    def configure(self, file="config.py", **settings):
-        """Limits that a test cannot wait for, in the copy."""
+    def append(self, file, code):
         with (self.host / file).open("a") as module:
-            module.writelines(f"\n{name} = {value}" for name, value in settings.items())
+            module.write(f"\n{code}\n")
+
+    def configure(self, **settings):
+        """Limits that a test cannot wait for."""
+        for name, value in settings.items():
+            self.append("config.py", f"{name} = {value}")
 
     def words(self, **options):
         options = {"repo": self.sources, "db": self.db, "flush_every": 600} | options
@@ -141,9 +143,8 @@ class ServerCase(unittest.TestCase):
     def assertLog(self, *told):
         """Each line of the log holds these words."""
         lines = self.log.read_text().splitlines()
-        self.assertEqual(len(lines), len(told), lines)
-        for line, words in zip(lines, told):
-            self.assertIn(words, line)
+        self.assertEqual([words in line for words, line in zip(told, lines, strict=True)],
+                         [True] * len(told), lines)
 
     def searches(self):
         """Those of the slow searches' processes that are still there."""

@@ -1,7 +1,5 @@
-"""How a host takes the module in: its types, its help, its installation and the documents' code.
-The documents' code runs in a child process, beside a host that the module was installed into.
-For example, `follow_the_guide` lets a tool fail as often as the guide's settings allow: its
-guarded call has to refuse the next one, and after the cooldown to let one in before all others.
+"""How a host takes the module in: its types, its help, its installation and the documents' code,
+which runs in a child process, beside a host that the module was installed into.
 """
 
 import ast
@@ -27,7 +25,7 @@ from bench import hosts
 
 MODULE = Path(hosts.MODULE)
 STUB = hosts.CHECKOUT / "tool_handlers/health/health.pyi"
-# What a child runs; the documents' code itself can take nothing from the checkout.
+# The documents' code itself can take nothing from the checkout.
 FOLLOW = ("import sys; sys.path.append({!r}); from tests import test_adoption; sys.path.pop();"
           " test_adoption.follow({!r}, {!r})").format
 
@@ -76,14 +74,14 @@ def follow_the_guide(guide):
 
 
 def shape(value):
-    """What is left of an answer when its numbers and texts are left out."""
+    """Of an answer, without its numbers and texts."""
     if isinstance(value, dict):
         return {key: shape(item) for key, item in value.items()}
     return [shape(item) for item in value] if isinstance(value, list) else type(value).__name__
 
 
 def facts(value):
-    """What a stub tells of a value. Of two answers it knows more than what there is at run time."""
+    """What a stub tells of a value; of two answers it knows more than the module says."""
     if isinstance(value, property):
         return facts(value.fget), value.fset
     if inspect.isfunction(value):
@@ -97,14 +95,6 @@ def facts(value):
     return value
 
 
-def run_stub(host):
-    """The stub, run as if it were the host's module."""
-    stub = {"__name__": host.health.__name__, "__package__": host.health.__package__}
-    with mock.patch("typing.type_check_only", lambda marked: marked, create=True):
-        exec(compile(STUB.read_text(), STUB, "exec"), stub)
-    return stub
-
-
 class Adoption(unittest.TestCase):
     def test_stub(self):
         told = []  # the names in their order, but those for type checkers only
@@ -115,38 +105,33 @@ class Adoption(unittest.TestCase):
                 target = getattr(node, "targets", [getattr(node, "target", None)])[0]
                 told.append(target.id if target else node.name)
         with hosts.Host() as host:
-            stub, health = run_stub(host), host.health
+            health = host.health
+            stub = {"__name__": health.__name__, "__package__": health.__package__}
+            with mock.patch("typing.type_check_only", lambda marked: marked, create=True):
+                exec(compile(STUB.read_text(), STUB, "exec"), stub)
             self.assertEqual(told, [name for name in vars(health) if not name.startswith("__")])
             self.assertEqual(stub["__doc__"].strip(), health.__doc__)
+            tracker = host.tracker(limits=hosts.ToolsConfig(1))
+            tracker.record_error("a", "boom")
+            tracker.record_call("a", "text", "failed", alias_hit=False, duration_ms=2)
+            (record,) = tracker.get_health_summary()
             fields = stub["ToolHealthTracker"].__annotations__
-            self.assertEqual(list(fields), list(vars(host.tracker())))
+            self.assertEqual(list(fields), list(vars(tracker)))
             for name, real in ((name, getattr(health, name)) for name in told):
                 with self.subTest(name):
                     if name in stub["__annotations__"]:
                         self.assertIsInstance(real, eval(stub["__annotations__"][name], stub))
                     else:
                         self.assertEqual(facts(stub[name]), facts(real))
-
-    def test_types_of_the_summary(self):
-        """What type checkers are told of a summary's dictionaries is what these hold."""
-        with hosts.Host() as host:
-            stub, tracker = run_stub(host), host.tracker(limits=hosts.ToolsConfig(1))
-            tracker.record_error("off", "boom")
-            tracker.record_call("off", "text", "failed", alias_hit=True, duration_ms=2)
-            tracker.record_call("fresh", None, "ok", alias_hit=False, duration_ms=None)
-            records = tracker.get_health_summary()
-        rows = [row for record in records for row in record["usage"]]
-        for name, dictionaries in (("SummaryRecord", records), ("UsageRow", rows)):
-            told = typing.get_type_hints(stub[name], stub)
-            self.assertEqual([set(told)] * len(dictionaries), [*map(set, dictionaries)])
-            self.assertEqual(told.pop("usage", list[stub["UsageRow"]]), list[stub["UsageRow"]])
-            for key, hint in told.items():
-                held = {type(dictionary[key]) for dictionary in dictionaries}
-                self.assertEqual(held, set(typing.get_args(hint)) or {hint}, key)
+        for name, shown in (("SummaryRecord", record), ("UsageRow", *record["usage"])):
+            hints = typing.get_type_hints(stub[name], stub)
+            self.assertEqual(list(hints), list(shown))
+            for key in hints.keys() - {"usage"}:
+                with self.subTest(name, key=key):
+                    self.assertIsInstance(shown[key], hints[key])
 
     def install(self, package):
-        """A directory with a host package that the module is installed into.
-        """
+        """A directory with a host package that the module is installed into."""
         base = Path(self.enterContext(tempfile.TemporaryDirectory()))
         host = base.joinpath(*package.split("."))
         command = "cmake", "--install", MODULE.parent, "--prefix", host

@@ -1,10 +1,7 @@
 """Many calls at once, calls that hang, saving, and the start of the sample host."""
 
-import contextlib
 import os
-import re
 import signal
-import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -22,9 +19,8 @@ class ManyCalls(ServerCase):
     def test_handlers_that_hang(self):
         """Their calls are answered in time, also those behind them, and others go on."""
         self.configure(TIME_LIMIT_S=2)
-        server = self.started()
-        asked = [server.begin(path="hang") for _ in range(2 * WORKERS)]
-        started = time.monotonic()
+        server, started = self.started(), time.monotonic()
+        asked = [server.begin(path="wait") for _ in range(2 * WORKERS)]
         for _ in asked:
             self.assertIn("no answer in 2 s", str(server.receive()))
         self.assertLess(time.monotonic() - started, 4, "time in the queue has not counted")
@@ -32,13 +28,15 @@ class ManyCalls(ServerCase):
         status = server.data("server")
         self.assertIn(status["stuck_threads"], range(WORKERS, len(asked) + 1))
         self.assertEqual((status["database"], status["last_save_error"]), (str(self.db), None))
+        self.go()
+        eventually(lambda: server.data("server")["stuck_threads"] == 0)
         self.configure(MAX_STUCK=0)
         self.assertIn("Too many calls", self.started().read())
         server.process.send_signal(signal.SIGTERM)
         self.assertEqual(server.ends(), 0)
 
     def test_time_of_a_handler_is_its_own(self):
-        self.configure(WORKERS=1, TIME_LIMIT_S=60)
+        self.configure(WORKERS=1)
         server = self.started()
         asked = [server.begin(path="wait") for _ in range(2)]
         time.sleep(2)
@@ -55,6 +53,8 @@ class ManyCalls(ServerCase):
             self.assertEqual(server.call("search", SLOW), (
                 False, "a:1: slow\n(stopped after 1 s, after a:1; narrow the pattern)"))
         self.assertEqual((server.counted("outcome"), self.searches()), ({("cut_short",): 2}, []))
+        times, *_ = server.data("tools", "get_tool_performance_stats")
+        self.assertGreater(times["min_ms"], 500)
 
     def test_more_calls_than_can_wait(self):
         self.configure(TIME_LIMIT_S=600)
@@ -99,12 +99,13 @@ class ManyCalls(ServerCase):
                 asked = [server.begin(path="src/a.py") for _ in range(3)]
                 answers = {server.receive()["result"]["isError"] for _ in asked}
                 self.assertEqual(answers, {False})
+        self.assertEqual(server.counted("outcome", tool="read_file"), {
+            ("failed",): 6, ("refused",): 19, ("cancelled",): 6, ("ok",): 12})
         for words, count in (("read_file failed: OSError: it broke", 6),
                              ("read_file is disabled after 2 failures in a row, until ", 3),
                              ("read_file is enabled: ", 3)):
             with self.subTest(words):  # the log is written a moment later
-                line = re.compile(rf"\d:\d\d,\d+ WARNING .*{words}")
-                eventually(lambda: len(line.findall(self.log.read_text())) == count)
+                eventually(lambda: self.log.read_text().count(words) == count)
 
     def test_late_success(self):
         """That of a call from before the tool was disabled does not let everybody in."""
@@ -117,12 +118,13 @@ class ManyCalls(ServerCase):
         (self.directory / "go").unlink()
         server.begin(path="wait")
         self.assertIn("another call is trying it", server.read())
+        eventually(lambda: self.log.read_text().count("is disabled") == 1)
 
 
 class Saving(ServerCase):
     def test_failing_saves_are_told_once_and_made_up_for(self):
         """And signals that come during the last one change nothing."""
-        self.configure("repository.py", BUSY_TIMEOUT_S=0.5)
+        self.append("repository.py", "BUSY_TIMEOUT_S = 0.5")
         server = self.start(flush_every=0.001)
         for told, saved in ((1, 1), (2, 4)):
             server.call("search", FILES)
@@ -145,16 +147,22 @@ class Saving(ServerCase):
 
         eventually(has_ended)
         self.assertEqual(server.ends(), 1)
-        told = f"save to {self.db} what stays", "calls are lost, not saved to " + str(self.db)
-        self.assertLog(told[0], told[0], told[1])
+        told = f"save to {self.db} what stays"
+        self.assertLog(told, told, f"the last 1 calls are lost, not saved to {self.db}")
 
     def test_error_without_a_text(self):
-        with (self.host / "repository.py").open("a") as module:
-            module.write("\ndef fail(*_):\n    raise MemoryError\nDatabase.execute = fail\n")
+        self.append("repository.py", "def fail(*_): raise MemoryError\nDatabase.execute = fail")
         server = self.started()
         server.call("search", FILES)
         self.assertEqual(server.close(), 1)
         self.assertIn("MemoryError()", self.log.read_text())
+
+    def test_disabled_before_a_restart(self):
+        for _ in range(2):
+            server = self.started(disable_after_errors=1)
+            told = server.read("break")
+            server.close()
+        self.assertRegex(told, r"it broke.* in (2\d\d|300) s")
 
     def test_what_was_saved_outlives_kills_and_a_read_only_file(self):
         saved = 0
@@ -170,7 +178,7 @@ class Saving(ServerCase):
         self.assertEqual((self.start().close(), self.log.read_text()), (0, ""))
         saved = self.saved_calls()
         self.db.chmod(0o444)
-        server = self.start()
+        server = self.started()
         server.read()
         self.assertEqual(server.counted("outcome", tool="read_file")["ok",], saved + 1)
         self.assertEqual(server.close(), 0 if os.access(self.db, os.W_OK) else 1)
@@ -182,34 +190,34 @@ class Starts(ServerCase):
                               ("no file can be there: '/no/db'", {"db": "/no/db"}),
                               ("no file can be there: '/tmp'", {"db": "/tmp"}),
                               ("cooldown-s: must be more than 0", {"cooldown_s": "inf"}),
-                              ("cooldown-s: must be more than 0", {"cooldown_s": 0}),
                               ("flush-every: must be more than 0", {"flush_every": 0})):
             with self.subTest(told, options=options):
                 self.log.write_text("")
                 self.assertEqual(self.start(**options).close(), 2)
                 self.assertIn(told, self.log.read_text())
-        with self.subTest("no ripgrep"), mock.patch.dict(os.environ, PATH=str(self.directory)):
+
+    def test_without_what_it_needs(self):
+        with mock.patch.dict(os.environ, PATH=str(self.directory)):
             self.assertEqual(self.start().close(), 1)
-            self.assertIn("ripgrep (rg) is not on the PATH", self.log.read_text())
+            self.assertLog("ripgrep (rg) is not on the PATH")
         self.module.rename(self.module.with_name("health.cpython-399.so"))
         self.assertEqual(self.start().close(), 1)
-        told = rf"is not built for {sys.executable} \(Python 3.13.*built.*: health.cpython-399.so"
-        self.assertRegex(self.log.read_text(), told + r"[^$]*script/bootstrap")
+        told = rf"not built for {sys.executable} \(Python 3.13.*built.*: health.cpython-399.so\.\n"
+        self.assertRegex(self.log.read_text(), told + ".*script/bootstrap")
 
     def test_history_that_cannot_be_used(self):
         """One that cannot be read is told, and what follows; one that holds no counts is an end."""
         self.db.write_text("no database")
         self.assertEqual(self.started().close(), 0)
         told = f"not a database (in {self.db}; counting from zero, and the next"
-        self.assertEqual(self.log.read_text().count(told), 2)
+        self.assertLog(told, told)
         self.db.unlink()
-        self.log.write_text("")
-        with contextlib.closing(sqlite3.connect(self.db)) as other, other:
-            other.execute("CREATE TABLE tool_health (tool_name PRIMARY KEY, call_count,"
-                          " error_count, last_error, disabled_at, updated_at)")
-            other.execute("INSERT INTO tool_health VALUES ('search', 'x', 0, NULL, NULL, NULL)")
+        self.in_database(
+            "CREATE TABLE tool_health (tool_name PRIMARY KEY, call_count, error_count, last_error,"
+            " disabled_at, updated_at)",
+            "INSERT INTO tool_health VALUES ('search', 'x', 0, NULL, NULL, NULL)")
         self.assertEqual(self.start().ends(), 1)
-        self.assertLog("holds what is no history of tools")
+        self.assertIn("holds what is no history of tools", self.log.read_text())
 
 
 class Demo(ServerCase):
@@ -222,7 +230,5 @@ class Demo(ServerCase):
             cwd=hosts.CHECKOUT, env=os.environ | {"COLUMNS": "80", "TMPDIR": scratch},
             capture_output=True, text=True)
         self.assertEqual((demo.returncode, demo.stderr, os.listdir(scratch)), (0, "", []))
-        self.assertLessEqual(max(map(len, demo.stdout.splitlines())), 80)
-        self.assertTrue(all(it.isprintable() or it == "\n" for it in demo.stdout))
-        free, locked = map(int, re.findall(r"the slowest\s+after (\d+) ms", demo.stdout))
-        self.assertLess(locked, 2000 + 2 * free, "a call has waited for the database")
+        lines = demo.stdout.splitlines()
+        self.assertTrue(all(it.isprintable() and len(it) <= 80 for it in lines), lines)

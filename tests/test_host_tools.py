@@ -27,7 +27,8 @@ class Tools(ServerCase):
             Path(os.fsdecode(bytes(self.sources) + b"/" + name)).write_bytes(content)
         in_src = "src/a.py\nsrc/b/x\nsrc/c/x\nsrc/d/x\nsrc/e/x"
         searches = {
-            "src/a.py:3: gamma": [TEXT | {"pattern": "gam"}, {"mode": "grep", "query": "gam"}]
+            "src/a.py:3: gamma": [TEXT | {"pattern": "gam"}, {"action": "grep", "pattern": "gam"}]
+            + [{"mode": "text", "query": "gam"}]
             + [TEXT | {"pattern": "gam", "glob": one} for one in ("*.py", "src/**", "src/*.py")],
             "(no match)": [TEXT | {"pattern": none} for none in ("Gam", "root", "-e", "")][:3]
             + [FILES | {"pattern": none} for none in ("no/**", "src", "src/a", "*/*/a.py")]
@@ -67,11 +68,14 @@ class Tools(ServerCase):
                     shown = answer[: len(expected)] if is_error else answer
                     self.assertEqual((shown, is_error), (expected, expected[-2:] == ": "))
         counted = server.counted("action", "outcome", "alias_hit", "slow")
-        self.assertEqual(counted["text", "ok", True, True], 2)
+        self.assertEqual(counted["text", "ok", True, True], 3)
         self.assertEqual(counted[None, "bad_arguments", False, False], 14)
         self.assertEqual(counted["files", "bad_arguments", False, False], 1)
         reads = server.counted("outcome", "alias_hit", tool="read_file")
         self.assertEqual((reads["call_failed", False], reads["ok", True]), (2, 1))
+        _, times, *_ = server.data("tools", "get_tool_performance_stats")
+        self.assertEqual((times["name"], times["errors"]), ("read_file", 2))
+        self.assertLess(len(os.listdir(f"/proc/{server.process.pid}/fd")), 30)
 
     def test_directory_that_is_replaced_or_gone(self):
         """The tools fail, whatever is at its place, until it is back."""
@@ -88,11 +92,11 @@ class Tools(ServerCase):
 
     def test_times(self):
         collector = TimingCollector()
-        for duration in [*range(100, 0, -1), *[7] * 1000]:
+        for duration in [*range(101, 0, -1), *[7] * 1000]:
             collector.record("many", duration, failed=duration > 90)
             if duration == 1:
                 before = collector.get_all_stats()
-        self.assertEqual(list(before[0].values()), ["many", 100, 50.5, 95, 1, 100, 10])
+        self.assertEqual(list(before[0].values()), ["many", 101, 51, 96, 1, 101, 11])
         # Those before are too long ago for the percentile.
         self.assertEqual(collector.get_all_stats()[0]["p95_ms"], 7)
         collector.record("none", None, failed=True)
