@@ -80,8 +80,9 @@ class ManyCalls(ServerCase):
         server = self.started(**options)
         for before in ("refused calls", "no call", "a restart"):
             with self.subTest(before):
-                for _ in range(2):
-                    self.assertIn("OSError", server.read("break"))
+                server.send(b"\n".join(call("read_file", {"path": "break"}, it) for it in range(3)))
+                for _ in range(3):
+                    self.assertIn("OSError", str(server.receive()))
                 if before == "a restart":
                     server.process.terminate()
                     self.assertEqual(server.ends(), 0)
@@ -100,8 +101,8 @@ class ManyCalls(ServerCase):
                 answers = {server.receive()["result"]["isError"] for _ in asked}
                 self.assertEqual(answers, {False})
         self.assertEqual(server.counted("outcome", tool="read_file"), {
-            ("failed",): 6, ("refused",): 19, ("cancelled",): 6, ("ok",): 12})
-        for words, count in (("read_file failed: OSError: it broke", 6),
+            ("failed",): 9, ("refused",): 19, ("cancelled",): 6, ("ok",): 12})
+        for words, count in (("read_file failed: OSError: it broke", 9),
                              ("read_file is disabled after 2 failures in a row, until ", 3),
                              ("read_file is enabled: ", 3)):
             with self.subTest(words):  # the log is written a moment later

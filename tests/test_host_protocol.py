@@ -68,7 +68,8 @@ class Protocol(ServerCase):
             server.cancel(True, "1", "unknown")  # nobody's ids
             server.send(call("search", FILES, 1.0))
             self.assertIn("is running", server.answer(None))
-            server.send(cancelled + b"\n" + hang)
+            server.send(b"\n".join((cancelled, hang, request())))
+            self.assertEqual(server.receive()["id"], 7)  # the cancelled call has ended
         server.cancel(1)
         server.send(call("search", FILES, 1))
         self.assertEqual(server.answer(1), "src/a.py")

@@ -75,7 +75,7 @@ class Tools(ServerCase):
         self.assertEqual((reads["call_failed", False], reads["ok", True]), (2, 1))
         _, times, *_ = server.data("tools", "get_tool_performance_stats")
         self.assertEqual((times["name"], times["errors"]), ("read_file", 2))
-        self.assertLess(len(os.listdir(f"/proc/{server.process.pid}/fd")), 30)
+        self.assertLess(len(os.listdir(f"/proc/{server.process.pid}/fd")), 12)
 
     def test_directory_that_is_replaced_or_gone(self):
         """The tools fail, whatever is at its place, until it is back."""
