@@ -28,7 +28,7 @@ from types import SimpleNamespace
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent))
 
 from bench import daemon  # noqa: E402  (the checkout has to be importable first)
-from bench.hosts import PLAIN, Host, ThreadCensus, Tool, parts  # noqa: E402
+from bench.hosts import PLAIN, Host, ThreadCensus, Tool, differences, parts  # noqa: E402
 from bench.report import draw, tables  # noqa: E402
 
 ACTIONS = 5
@@ -159,9 +159,9 @@ def check_equal(sides):
             side.health.thread_census_report(1), side.health.handle_get_tool_performance_stats(),
         ])])
         side.health.time = time
-    differences = [f"plain {one}, module {other}" for one, other in zip(*answers) if one != other]
-    if differences:
-        raise SystemExit("\n".join(["the two implementations differ:", *differences]))
+    told = [*differences(*reversed(answers))]
+    if told:
+        raise SystemExit("\n".join(["the two implementations differ:", *told]))
 
 
 class Bench:

@@ -54,6 +54,10 @@ class Client:
         result = self.request("tools/call", {"name": tool, "arguments": arguments})
         return result["isError"], result["content"][0]["text"]
 
+    def data(self, key: str, tool: str = "status") -> Any:
+        """A part of what a tool answers as data."""
+        return json.loads(self.call(tool, {})[1])[key]
+
     def keep_calling(self, at_once: int, seconds: float, call: dict[str, Any]) -> Iterator[float]:
         """Keep so many calls running for so long, and give out the seconds that each took."""
         ends_at = time.monotonic() + seconds

@@ -147,8 +147,7 @@ def _print(*lines: str) -> None:
 
 def _health(agent: Client) -> dict[str, dict[str, Any]]:
     """The health of each tool by name, as the status tool answers it."""
-    records = json.loads(agent.call("status", {})[1])["perf_stats"]
-    return {record["tool_name"]: record for record in records}
+    return {record["tool_name"]: record for record in agent.data("perf_stats")}
 
 
 if __name__ == "__main__":

@@ -210,6 +210,20 @@ def parts(path, value):
         yield from parts(name, item)
 
 
+def differences(module, plain):
+    """A line for each part that differs, shown from a little before the place where it does."""
+    seen = [dict(line.partition(": ")[::2] for line in lines) for lines in (module, plain)]
+    for path in seen[0] | seen[1]:
+        one, other = (texts.get(path, "nothing") for texts in seen)
+        if one != other:
+            start = max(0, len(os.path.commonprefix([one, other])) - 40)
+            shown = ("..." * (start > 0) + f"{text[start:][:80]} ({len(text)} characters)"
+                     for text in (one, other))
+            yield f"{path}: module {next(shown)}, plain {next(shown)}"
+    if seen[0] == seen[1] and module != plain:
+        yield "the order of the parts differs"
+
+
 def outcome(function, *args, **kwargs):
     """What a call comes to: the parts of its result, or the kind and text of what it raises, the
     name that this is about, and the kinds of those errors that were being handled then.

@@ -80,9 +80,6 @@ class Server(Client):
         for number in numbers:
             self.send(message(method="notifications/cancelled", params={"requestId": number}))
 
-    def data(self, key, tool="status"):
-        return json.loads(self.call(tool, {})[1])[key]
-
     def counted(self, *columns, tool="search"):
         """How many calls of the tool were counted under which values of these columns."""
         rows = next(it["usage"] for it in self.data("perf_stats") if it["tool_name"] == tool)

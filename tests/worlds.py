@@ -9,7 +9,6 @@ tracker with a history `tracker`. Or it is operations by their names after chang
 
 import json
 import operator
-import os
 import re
 import types
 import unittest
@@ -140,7 +139,7 @@ class World(hosts.Host):
         seen += hosts.parts("left", {
             "lock held": hosts.is_held(lock), "clock readings": self.clock.reads,
             "log": self.log, "calls": self.db.calls, "warnings": self.warnings})
-        return MAY_DIFFER.sub("", "\n".join(seen))
+        return MAY_DIFFER.sub("", "\n".join(seen)).splitlines()
 
 
 class TwinCase(unittest.TestCase):
@@ -157,7 +156,7 @@ class TwinCase(unittest.TestCase):
                 world.reset()
                 seen.append(world.observe(run))
             if seen[0] != seen[1]:
-                self.fail("\n".join(differences(*seen)) or "the order of the parts differs")
+                self.fail("\n".join(hosts.differences(*seen)))
 
 
 def after(changes, operations):
@@ -166,18 +165,6 @@ def after(changes, operations):
         world.change(changes)
         return [hosts.outcome(world.call, OPERATIONS[name]) for name in operations.split()]
     return run
-
-
-def differences(module, plain):
-    """A line for each part that differs, shown from a little before the place where it does."""
-    both = [dict(line.partition(": ")[::2] for line in seen.splitlines())
-            for seen in (module, plain)]
-    for path in both[0] | both[1]:
-        one, other = (seen.get(path, "nothing") for seen in both)
-        if one != other:
-            start = max(0, len(os.path.commonprefix([one, other])) - 40)
-            shown = (f"...{text[start:][:80]} ({len(text)} characters)" for text in (one, other))
-            yield f"{path}: module {next(shown)}, plain {next(shown)}"
 
 
 def with_attributes(thing, **attributes):
