@@ -4,6 +4,7 @@ Each runs with a PATH that holds only what the test puts there: links to a few t
 scripts in the place of others.
 """
 
+import json
 import os
 import shutil
 import subprocess
@@ -119,6 +120,19 @@ class Commands(unittest.TestCase):
             with self.subTest(name):
                 latest = hosts.CHECKOUT.joinpath(name).read_text().partition(words)[2]
                 self.assertEqual(latest[: len(sample_host.__version__)], sample_host.__version__)
+
+
+class Bench(unittest.TestCase):
+    def test_both_sides_agree(self):
+        directory = self.enterContext(tempfile.TemporaryDirectory())
+        bench = hosts.CHECKOUT / "bench/bench.py"
+        command = [sys.executable, bench, "--quick", "--runs", "2", "--json", "figures"]
+        run = subprocess.run(command, cwd=directory, capture_output=True, text=True)
+        self.assertEqual((run.returncode, run.stderr), (0, ""))
+        figures = json.loads(Path(directory, "figures").read_text())
+        answered = {name: calls for name, _, calls, *_ in figures["served"]}
+        self.assertEqual(answered.pop("written through, database locked"), 0)
+        self.assertGreater(min(answered.values()), 0, answered)
 
 
 @unittest.skipIf("ASAN_OPTIONS" in os.environ or hasattr(sys, "gettotalrefcount"), "done once")

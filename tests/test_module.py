@@ -1,6 +1,4 @@
-"""The module as a whole: what its import needs and says, and call sites that the interpreter has
-specialised, beside those of plain Python.
-"""
+"""The module as a whole, beside plain Python: what its import needs, says and makes."""
 
 import builtins
 import dataclasses
@@ -12,7 +10,7 @@ from unittest import mock
 
 from bench import hosts
 
-from .worlds import TwinCase, with_attributes
+from .worlds import with_attributes
 
 SERVICES = [("config", "ToolsConfig"), ("tool_registry", "TOOLS"), ("tool_schemas", "is_slow_call"),
             ("utils.process", "ThreadCensus"), ("utils.process", "thread_census"),
@@ -53,18 +51,6 @@ usual = dataclasses.dataclass(slots=True)
 
 def names(record):
     return list(record.__annotations__)
-
-
-# A call site, and what is done when it has been run often.
-HOT = [
-    ("tracker.is_disabled('a')", "tracker._state['a'].disabled_at = 9e9"),
-    ("tracker.is_disabled(tool_name='a')", "Tracker.is_disabled = lambda self, tool_name: 5"),
-    ("tracker.is_disabled(**{'tool_name': 'a'})", "tracker.is_disabled = lambda tool_name: 5"),
-    ("tracker.has_unsaved_changes", "tracker._dirty.clear(); tracker._usage_dirty = 5"),
-    ("tracker.flush()", "tracker._flush_usage = lambda: 7"),
-    ("health._known(action=None, tool='a')", "health.TOOLS = {}"),
-    ("type(Tracker(tracker._repo).limits)", "Tracker.__init__ = lambda *_: None"),
-]
 
 
 class Imports(unittest.TestCase):
@@ -150,28 +136,3 @@ class Imports(unittest.TestCase):
 
         for name, decorate in DECORATORS.items():
             self.assertAlike(see, decorate, makes=name)
-
-    def test_copies_are_independent(self):
-        host = self.enterContext(hosts.Host())
-        other, tracker = host.load(), host.tracker()
-        other.TOOLS, other.ToolHealthTracker.is_disabled = {}, None
-        tracker.record_success("a")
-        self.assertEqual(tracker.is_disabled("a"), (False, None))
-        self.assertTrue(host.health._known("a", None))
-        self.assertIsNot(type(tracker._state["a"]), other._ToolState)
-
-
-class CallSites(TwinCase):
-    def test_hot_call_sites(self):
-        """The interpreter's specialisation changes no answer and outlives no change."""
-        for expression, change in HOT:
-            def run(world, health, tracker, tracker_class):
-                names = {"health": health, "tracker": tracker, "Tracker": tracker_class}
-                call = eval(f"lambda: {expression}", names)
-                before = [hosts.outcome(call) for _ in range(3000)]
-                exec(change, names)
-                after = [hosts.outcome(call) for _ in range(3000)]
-                self.assertNotEqual(before[-1], after[0])
-                return before, after
-
-            self.assertSame(run, expression, "changed by", change)

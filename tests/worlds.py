@@ -2,9 +2,9 @@
 
 What a case comes to and leaves behind must be the same in both, so bench/plain.py changes with a
 rule. A case is a function whose parameters name things of the world: the module is `health`, a
-tracker with a history `tracker`. Or it is operations by their names after changes by their places:
+tracker with a history `tracker`. Or it is an operation after changes by their places:
 
-    ("summary flush", {"record.error_count": 5, "tracker._usage": Made(lambda counts: {9: counts})})
+    after({"record.error_count": 5, "tracker._usage": Made(lambda counts: {9: counts})}, "summary")
 """
 
 import json
@@ -159,11 +159,11 @@ class TwinCase(unittest.TestCase):
                 self.fail("\n".join(hosts.differences(*seen)))
 
 
-def after(changes, operations):
-    """The case that does these operations after changes to the world."""
+def after(changes, operation):
+    """The case that does the operation of that name after changes to the world."""
     def run(world):
         world.change(changes)
-        return [hosts.outcome(world.call, OPERATIONS[name]) for name in operations.split()]
+        return world.call(OPERATIONS[operation])
     return run
 
 
