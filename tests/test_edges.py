@@ -3,6 +3,7 @@ may differ from plain Python's, but nothing crashes, no error is lost, and the l
 """
 
 import functools
+import itertools
 import os
 import sys
 import threading
@@ -22,13 +23,18 @@ class OutsideTheLine(HealthCase):
         cls, tracker = self.health.ToolHealthTracker, self.host.tracker()
         operation, counted = cls.record_call, {"alias_hit": True, "duration_ms": None}
         own, positional = operation.__code__, (tracker, "a", None, "ok")
-        for code in (
-                own.replace(co_varnames=own.co_varnames[:5], co_nlocals=5, co_kwonlyargcount=1),
-                own.replace(co_varnames=(*own.co_varnames, "z"), co_nlocals=7, co_kwonlyargcount=3),
-                own.replace(co_consts=()), own.replace(co_name="other"), cls.flush.__code__,
-                (lambda *args, **named: None).__code__):
-            operation.__code__ = code
-            for count, named in ((4, counted), (4, counted | {"z": 1}), (4, {}), (3, {}), (0, {})):
+        codes = {
+            "one variable less": own.replace(
+                co_varnames=own.co_varnames[:5], co_nlocals=5, co_kwonlyargcount=1),
+            "one more": own.replace(
+                co_varnames=(*own.co_varnames, "z"), co_nlocals=7, co_kwonlyargcount=3),
+            "no constants": own.replace(co_consts=()), "a name": own.replace(co_name="other"),
+            "another operation's": cls.flush.__code__,
+            "any arguments": (lambda *args, **named: None).__code__}
+        for name, count, named in itertools.product(
+                codes, (4, 3, 0), ({}, counted, counted | {"z": 1})):
+            with self.subTest(name, count=count, named=named):
+                operation.__code__ = codes[name]
                 hosts.outcome(operation, *positional[:count], **named)
                 self.assertFalse(tracker._lock.locked())
         self.assertEqual(tracker._usage, {}, "somebody else's code has counted")
