@@ -19,7 +19,9 @@ def start_log() -> None:
     """Let nothing that logs wait for standard error."""
     target = logging.StreamHandler()
     target.setFormatter(logging.Formatter("%(asctime)s %(levelname)s %(name)s: %(message)s"))
-    logging.basicConfig(handlers=[_Handler(_lines)], level=logging.INFO)
+    root = logging.getLogger()
+    root.addHandler(_Handler(_lines))  # basicConfig would give it a format too: names told twice
+    root.setLevel(logging.INFO)
 
     def write() -> None:
         while True:
