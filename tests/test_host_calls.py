@@ -153,12 +153,17 @@ class Saving(ServerCase):
         # A call that ended while the last good save began is in it, and counted as lost.
         self.assertRegex(self.log.read_text(), "last [12] calls are lost")
 
-    def test_error_without_a_text(self):
-        self.append("repository.py", "def fail(*_): raise MemoryError\nDatabase.execute = fail")
-        server = self.started()
-        server.call("search", FILES)
-        self.assertEqual(server.close(), 1)
-        self.assertIn("MemoryError()", self.log.read_text())
+    def test_last_save_that_fails(self):
+        """With an error that has no text, or not at all within its limit."""
+        self.configure(LAST_SAVE_S=1)
+        for code, told in (("raise MemoryError", "MemoryError()"),
+                           ("import time; time.sleep(600)", "no answer in 1 s")):
+            with self.subTest(told):
+                self.append("repository.py", f"def fail(*_): {code}\nDatabase.execute = fail")
+                server = self.started()
+                server.call("search", FILES)
+                self.assertEqual(server.close(), 1)
+                self.assertIn(told, self.log.read_text())
 
     def test_disabled_before_a_restart(self):
         for _ in range(2):
@@ -207,6 +212,15 @@ class Starts(ServerCase):
         self.assertEqual(self.start().close(), 1)
         told = rf"not built for {sys.executable} \(Python 3.13.*built.*: health.cpython-399.so\.\n"
         self.assertRegex(self.log.read_text(), told + ".*script/bootstrap")
+
+    def test_signal_while_the_history_is_read(self):
+        self.append("repository.py", "BUSY_TIMEOUT_S = 600")
+        self.in_database("BEGIN EXCLUSIVE")
+        server = self.start()
+        tasks = f"/proc/{server.process.pid}/task"
+        eventually(lambda: len(os.listdir(tasks)) == 3)  # the loop, the log and the database
+        server.process.terminate()
+        self.assertEqual((server.ends(), self.log.read_text()), (1, ""))
 
     def test_history_that_cannot_be_used(self):
         """One that cannot be read is told, and what follows; one that holds no counts is an end."""

@@ -79,12 +79,12 @@ class Ends(ServerCase):
     def setUp(self):
         super().setUp()
         (self.sources / "src" / "large").write_text("x" * 99_000)
-        asked = (call("read_file", {"path": "src/large"}, number) for number in range(20))
+        asked = (call("read_file", {"path": "src/large"}, number) for number in range(50))
         self.requests = b"\n".join(asked)  # the last one without a line feed
 
     def run_server(self, stdin, stdout=subprocess.PIPE, close=""):
         """Run a server to its end, with a slow reader: its status, lines printed, and its log."""
-        shell = ["sh", "-c", f'exec "$@" {close}', "sh"]
+        shell = ["sh", "-c", f'exec timeout 100 "$@" {close}', "sh"]
         with subprocess.Popen([*shell, sys.executable, "-m", self.host.name, *self.words()],
                               cwd=self.directory, stdin=stdin, stdout=stdout,
                               stderr=subprocess.PIPE) as server:
@@ -97,7 +97,7 @@ class Ends(ServerCase):
         asked = self.directory / "requests"
         asked.write_bytes(self.requests)
         with open(asked) as file, open("/dev/full", "w") as full, open(os.devnull, "w") as unread:
-            self.assertEqual(self.run_server(file), (0, 20, ""))
+            self.assertEqual(self.run_server(file), (0, 50, ""))
             file.seek(0)
             status, _, told = self.run_server(file, full)
             self.assertEqual((status, "No space left" in told), (1, True), told)
@@ -120,7 +120,7 @@ class Ends(ServerCase):
                 asking.write(self.requests)
                 asking.close()
                 time.sleep(1)
-                self.assertEqual(len(answering.readlines()), 20)
+                self.assertEqual(len(answering.readlines()), 50)
         self.assertEqual(server.returncode, 0)
 
     def test_clients_that_do_not_read(self):

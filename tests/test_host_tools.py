@@ -36,6 +36,9 @@ class Tools(ServerCase):
             "wide:1: " + "x" * 100 + "Needle": [TEXT | {"pattern": "needle", "limit": 500}],
             "caf\ufffd:1: \ufffdcup\n(more than 1 matches; narrow the pattern)":
                 [TEXT | {"pattern": "p", "max_results": 1.0}],
+            "full:1: " + "f" * 200: [TEXT | {"pattern": "f" * 1000}],
+            "(no match)\n(stopped at a line with too many matches, before the first match; narrow"
+            " the pattern)": [TEXT | {"pattern": "fff"}],
             "!note:1: q\nforged\\na:1: x:1: q": [TEXT | {"pattern": "q"}],
             "!note\nbinary\ncaf\ufffd\nlarge\nrows\n" + in_src + "\nwide":
                 [FILES | {"pattern": "[!f]*"}],
@@ -92,11 +95,11 @@ class Tools(ServerCase):
 
     def test_times(self):
         collector = TimingCollector()
-        for duration in [*range(101, 0, -1), *[7] * 1000]:
-            collector.record("many", duration, failed=duration > 90)
+        for duration in [None, *range(101, 0, -1), *[7] * 1000]:
+            collector.record("many", duration, failed=duration is None or duration > 90)
             if duration == 1:
                 before = collector.get_all_stats()
-        self.assertEqual(list(before[0].values()), ["many", 101, 51, 96, 1, 101, 11])
+        self.assertEqual(list(before[0].values()), ["many", 102, 51, 96, 1, 101, 12])
         # Those before are too long ago for the percentile.
         self.assertEqual(collector.get_all_stats()[0]["p95_ms"], 7)
         collector.record("none", None, failed=True)

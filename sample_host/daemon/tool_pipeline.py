@@ -26,7 +26,7 @@ class Outcome(Enum):
     """How a call ended. The values are what it is counted under, in memory and in the database."""
 
     OK = "ok"
-    CUT_SHORT = "cut_short"  # an answer, as far as the time went
+    CUT_SHORT = "cut_short"  # an answer, as far as time and memory went
     FAILED = "failed"  # the tool's fault: so many in a row disable it
     CALL_FAILED = "call_failed"  # this call's own: a file that cannot be read, or no time left
     BAD_ARGUMENTS = "bad_arguments"  # the agent's fault

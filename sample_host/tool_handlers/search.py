@@ -65,7 +65,7 @@ def _only(glob: str) -> str:
 
 async def _collect(arguments: list[str], root: int, until: float,
                    most: int) -> tuple[list[str], list[str], bool]:
-    """The matches; a remark on what is missing; and whether time was up."""
+    """The matches; a remark on what is missing; and whether it was cut short."""
     found: list[str] = []
     # The descriptor, not the path, which may lead to another directory by now.
     child = await asyncio.create_subprocess_exec(
@@ -80,9 +80,12 @@ async def _collect(arguments: list[str], root: int, until: float,
                 found.append(match)
             if told := await child.stderr.read():  # of unreadable files it says nothing
                 raise BadArguments(told.decode("utf-8", "replace").strip()[:_SHOWN_CHARACTERS])
-    except TimeoutError:
+    except (TimeoutError, asyncio.LimitOverrunError) as error:
+        why = f"after {TIME_LIMIT_S:g} s"
+        if isinstance(error, asyncio.LimitOverrunError):  # ripgrep lists each match in a line
+            why = "at a line with too many matches"
         where = f"after {found[-1].partition(': ')[0]}" if found else "before the first match"
-        return found, [f"(stopped after {TIME_LIMIT_S:g} s, {where}; narrow the pattern)"], True
+        return found, [f"(stopped {why}, {where}; narrow the pattern)"], True
     finally:
         with contextlib.suppress(ProcessLookupError):
             child.kill()
