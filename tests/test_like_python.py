@@ -25,6 +25,7 @@ FIELDS = "call_count", "error_count", "consecutive_errors", "disabled_at", "last
 FAR_EAST = datetime.timezone(datetime.timedelta(hours=9))
 Module, Namespace, Text = types.ModuleType, types.SimpleNamespace, type("Text", (str,), {})
 Ornate = type("Ornate", (int,), {"__format__": lambda *_: "\N{GREEK SMALL LETTER BETA}"})
+Opinion = type("Opinion", (int,), {"__eq__": lambda own, other: own > 0, "__hash__": int.__hash__})
 Falsy = type("Falsy", (), {"__len__": int, "__repr__": lambda _: "Falsy"})
 OnlyEnters = type("OnlyEnters", (), {"__enter__": 5, "__repr__": lambda _: "OnlyEnters"})
 OwnModule = type("OwnModule", (Module,), {"__getattribute__": lambda *_: lambda: 7.0,
@@ -188,6 +189,8 @@ TOGETHER = [
     {"clock.now": 160, "record.disabled_at": 100, "limits.disable_cooldown_s": 60},
     {"tracker._usage_dirty": [], "tracker._dirty": set()},
     {"health._SQLITE_TIMESTAMP": "%Y", "world.text": "1999"},
+    {"world.tool": Opinion(0), "tracker._usage": Made(
+        lambda counts: {(Opinion(1), None, "ok", True): counts})},
     {"health._SQLITE_TIMESTAMP": ABSENT, "health.datetime": Namespace(fromtimestamp=lambda *_: 5)},
     {"health._TOOL_HEALTH_COLUMNS": ABSENT, "db.answers": {}},
     {"health.is_slow_call": lambda tool, action: type(tool), "world.tool": Text("a")},
